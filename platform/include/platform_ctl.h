@@ -1,0 +1,151 @@
+// Steering side of the platform stand-in. The module never includes this: it is
+// what the host process and the tests use to play the other components of the
+// unit (their records, faults, time, cards) and to look at what the module did.
+//
+// Everything runs on one thread. Platform calls made by the module only queue
+// their effects; run_until_idle() delivers queued callbacks one at a time in
+// the order their causes happened.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// ---- whole stand-in ----------------------------------------------------------
+
+// Forget everything: databases, sessions, queue, agent, cards, faults, log,
+// commands, clock back to its start. For tests that need a clean unit.
+void reset();
+
+// The host handle handed to the module (opaque, never null).
+void *host_handle();
+
+// End the module instance: drop every registration it made (sessions and their
+// callbacks, subscriptions, queued events, timers, device-data notifications,
+// agent and key events, debug commands). Databases, agent records, announced
+// cards, lookup tables and card presence are kept.
+void drop_instance();
+
+// ---- callback loop -------------------------------------------------------------
+
+// Deliver one queued callback. False when nothing is queued.
+bool run_one();
+// Deliver until nothing is queued (callbacks may queue more). Returns the count
+// delivered.
+size_t run_until_idle();
+size_t pending();
+
+// ---- object database -------------------------------------------------------------
+
+struct StoredRecord {
+    int db;
+    std::string type;    // full name, e.g. "u_cluster.kel_uc_balance"
+    std::string key;     // canonical packed index sub-message (empty: no index or all zero)
+    std::string packed;  // the record as stored
+    bool field_form;     // written with hmset
+};
+
+// Writes of other components. `packed` is the wire form of a record of `type`.
+// Return 0, or -1 for an unknown type or bytes that do not decode.
+int db_set(int db, const std::string &type, const std::string &packed);
+int db_hmset(int db, const std::string &type, const std::string &packed);
+int db_del(int db, const std::string &type, const std::string &packed);
+
+// Records sorted by type, then key. Empty type: every type.
+std::vector<StoredRecord> db_records(int db, const std::string &type = "");
+std::optional<StoredRecord> db_get(int db, const std::string &type, const std::string &packed);
+
+// Known record types (full names), for the host's checks.
+bool known_type(const std::string &type);
+bool type_has_index(const std::string &type);
+
+// Session loss and return. reconnect queues the reconnect callback with `type`;
+// before it runs, the session's subscriptions are dropped.
+void db_disconnect(int db);
+void db_reconnect(int db, int type);
+bool db_connected(int db);
+
+// Keep the databases in a file: load on open when it exists, save after every
+// change. Empty path: memory only.
+int db_open_file(const std::string &path);
+
+// Every write the module made (set, hmset, del), in order, for tests that count
+// writes.
+struct ModuleWrite {
+    enum Op { Set, HmSet, Del } op;
+    int db;
+    std::string type;
+    std::string packed;
+};
+const std::vector<ModuleWrite> &module_writes();
+void clear_module_writes();
+
+// ---- data-sync agent -------------------------------------------------------------
+
+// Keep `packed` as the current record of its key and raise the set (or delete)
+// key event for every matching registration (queued).
+int agent_set(const std::string &type, const std::string &packed);
+int agent_del(const std::string &type, const std::string &packed);
+
+// ---- device-data library ---------------------------------------------------------
+
+// Announce or remove a card (module event, kind 8, op 0 or 1, data = gslot).
+void card_add(uint32_t gslot);
+void card_del(uint32_t gslot);
+// Lookup tables; nullopt makes the lookup fail.
+void set_chipid(int devid, int slot, int lport, std::optional<uint32_t> chipid);
+void set_phyid(int devid, int slot, int lport, std::optional<uint32_t> gphyid);
+
+// ---- other platform pieces -------------------------------------------------------
+
+void set_capacity(const std::string &key, std::optional<int32_t> value);  // nullopt: read fails
+void set_card_online(int devid, int slot, int sslot, bool online);
+
+// Clock of the timers (and of gettimeofday-free time stamps the stand-in hands out).
+void advance_us(uint64_t us);
+uint64_t now_us();
+
+// ---- faults ------------------------------------------------------------------------
+
+// Make the named platform function (e.g. "xn_mom_set", "libddm_init",
+// "xn_mom_client_connect") fail. db < 0: any database. count < 0: always.
+// rv: the failure result to return (or, for pointer results, null).
+void fail(const std::string &op, int db = -1, int count = 1, int rv = -1);
+void clear_faults();
+
+// ---- logging -----------------------------------------------------------------------
+
+struct LogLine {
+    int level;
+    std::string file;
+    std::string func;
+    long line;
+    std::string text;
+};
+// Lines logged since the last take_log().
+std::vector<LogLine> take_log();
+// Also write each line to this file descriptor (-1: nowhere).
+void set_log_fd(int fd);
+
+// ---- debug commands ----------------------------------------------------------------
+
+struct Command {
+    std::string module;
+    std::string name;
+    std::string desc;
+    int nargs;  // number of %d conversions in desc
+};
+std::vector<Command> commands();
+// Call a registered command with its ints (missing ones are 0). Its standard
+// output is returned in *out. Returns false when no such command.
+bool run_command(const std::string &name, const std::vector<int> &args, std::string *out,
+                 int *rv = nullptr);
+
+// Result of ssat_lib_init (0 by default).
+void set_ssat_init_result(int rv);
+
+}  // namespace platform

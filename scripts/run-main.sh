@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# The main job: build and play the two-member unit scenario.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+cmake --preset default >/dev/null
+cmake --build --preset default
+exec build/default/host/dpm-host scenarios/two_member_unit.dpm
