@@ -417,6 +417,12 @@ inline uint32_t dpm_gslot_make(uint32_t devid, uint32_t slot, uint32_t sslot) {
 dpm_dev_head *dpm_find_dev_head(uint32_t devid);
 dpm_modid_info *dpm_find_modid_info(uint32_t modid);
 
+// Module id -> its entry. A module id has at most one entry in the whole cache
+// (an add for another device moves it), so this index answers exactly what the
+// first-match walk answers. Kept by the module-id add and delete paths; cleared
+// by dpm_cache_init.
+extern dpm_modid_info *dpm_modid_index[DPM_MODID_MAX];
+
 // ============================================================================
 // Sessions and subscriptions (udp_dpm_session.cpp)
 // ============================================================================
@@ -443,6 +449,10 @@ int dpm_subscribe_mmc_back(void *client);
 
 int dpm_dtm_cb(void *client, xn_mom_msg_t *msg);
 int dpm_del_state_by_dtm(void);
+// The application makes `info` (normally `newest`) the applied map. The history
+// owns map lifetimes, so a map evicted while it is the applied one stays
+// readable until hwcfg moves on.
+void dpm_set_hwcfg(dpm_dtm_info *info);
 
 // ============================================================================
 // Module-id allocation (dpm_modid.cpp)
