@@ -1,0 +1,138 @@
+// Device-data library, capacity library and card presence: what the member's
+// hardware side tells a data-plane process about its cards and ports.
+//
+// The library remembers the cards it has announced and announces them again to
+// a process that (re)initialises, as a member does for a restarted process;
+// lookups answer from tables the host fills, and an unknown port is a failed
+// lookup as on a member whose card has gone.
+#include <algorithm>
+#include <utility>
+
+#include "libxn_cap.h"
+#include "ndm.h"
+#include "platform_state.h"
+
+namespace plat {
+namespace {
+
+void announce(const DdmReg &r, int op, uint32_t gslot) {
+    enqueue([r, op, gslot] {
+        uint32_t data = gslot;  // lives until the handler returns
+        r.cb(r.ctx, LIBDDM_NOTIFY_MODULE, op, &data);
+    });
+}
+
+void announce_all(int op, uint32_t gslot) {
+    for (const DdmReg &r : st().ddm_regs) {
+        if (r.kind == LIBDDM_NOTIFY_MODULE) announce(r, op, gslot);
+    }
+}
+
+int lookup(const std::map<Port, std::optional<uint32_t>> &table, int devid, int slot, int lport,
+           uint32_t *out) {
+    auto it = table.find(Port{devid, slot, lport});
+    if (it == table.end() || !it->second || out == nullptr) return -1;
+    *out = *it->second;
+    return 0;
+}
+
+}  // namespace
+}  // namespace plat
+
+using plat::st;
+
+extern "C" {
+
+int libddm_notify_reg(int notify_type, libddm_notify_cb_t cb, void *context) {
+    if (auto rv = plat::fault("libddm_notify_reg")) return *rv;
+    if (cb == nullptr) return -1;
+    st().ddm_regs.push_back(plat::DdmReg{notify_type, cb, context});
+    return 0;
+}
+
+int libddm_init(void *handle, const char *name) {
+    (void)handle;
+    (void)name;
+    if (auto rv = plat::fault("libddm_init")) return *rv;
+    for (const plat::DdmReg &r : st().ddm_regs) {
+        if (r.kind != LIBDDM_NOTIFY_MODULE) continue;
+        for (uint32_t gslot : st().cards) plat::announce(r, LIBDDM_OP_ADD, gslot);
+    }
+    return 0;
+}
+
+int libddm_get_chipid_by_dev_slot_lport(uint32_t *chipid, int devid, int slot, int lport,
+                                        int id_type) {
+    (void)id_type;
+    if (auto rv = plat::fault("libddm_get_chipid_by_dev_slot_lport")) return *rv;
+    return plat::lookup(st().chipids, devid, slot, lport, chipid);
+}
+
+int libddm_get_phyid_by_dev_slot_lport(int devid, int slot, int lport, uint32_t *gphyid) {
+    if (auto rv = plat::fault("libddm_get_phyid_by_dev_slot_lport")) return *rv;
+    return plat::lookup(st().phyids, devid, slot, lport, gphyid);
+}
+
+int libxn_cap_init(void *handle, const char *owner, void *category) {
+    (void)handle;
+    (void)owner;
+    (void)category;
+    if (auto rv = plat::fault("libxn_cap_init")) return *rv;
+    return 0;
+}
+
+int libxn_cap_get_capacity_int32(void *handle, const char *key, int32_t *value) {
+    (void)handle;
+    if (auto rv = plat::fault("libxn_cap_get_capacity_int32")) return *rv;
+    if (key == nullptr || value == nullptr) return -1;
+    auto it = st().capacity.find(key);
+    if (it == st().capacity.end()) {
+        *value = 0;  // a product that does not name the limit has its default
+        return 0;
+    }
+    if (!it->second) return -1;
+    *value = *it->second;
+    return 0;
+}
+
+int ndm_card_is_online(int devid, int slotid, int sslotid) {
+    if (auto rv = plat::fault("ndm_card_is_online")) return *rv;
+    return st().offline_cards.count(plat::Port{devid, slotid, sslotid}) ? 0 : 1;
+}
+
+}  // extern "C"
+
+namespace platform {
+
+void card_add(uint32_t gslot) {
+    auto &cards = st().cards;
+    if (std::find(cards.begin(), cards.end(), gslot) == cards.end()) cards.push_back(gslot);
+    plat::announce_all(LIBDDM_OP_ADD, gslot);
+}
+
+void card_del(uint32_t gslot) {
+    std::erase(st().cards, gslot);
+    plat::announce_all(LIBDDM_OP_DEL, gslot);
+}
+
+void set_chipid(int devid, int slot, int lport, std::optional<uint32_t> chipid) {
+    st().chipids[plat::Port{devid, slot, lport}] = chipid;
+}
+
+void set_phyid(int devid, int slot, int lport, std::optional<uint32_t> gphyid) {
+    st().phyids[plat::Port{devid, slot, lport}] = gphyid;
+}
+
+void set_capacity(const std::string &key, std::optional<int32_t> value) {
+    st().capacity[key] = value;
+}
+
+void set_card_online(int devid, int slot, int sslot, bool online) {
+    if (online) {
+        st().offline_cards.erase(plat::Port{devid, slot, sslot});
+    } else {
+        st().offline_cards.insert(plat::Port{devid, slot, sslot});
+    }
+}
+
+}  // namespace platform

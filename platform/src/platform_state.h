@@ -1,0 +1,182 @@
+// Private state of the platform stand-in, shared by its source files.
+//
+// One process-wide State holds everything the stand-in knows. The parts that
+// belong to the running module instance (queue, subscriptions, sessions, timers,
+// registrations, commands) are what drop_instance() clears; the parts that play
+// the rest of the unit (databases, agent records, cards, tables) outlive it.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <protobuf-c/protobuf-c.h>
+
+#include "libddm.h"
+#include "platform_ctl.h"
+#include "ssat.h"
+#include "xn_mom.h"
+
+namespace plat {
+
+// ---- record types ----------------------------------------------------------------
+
+// Our own copy of the descriptor of a full type name, or null.
+const ProtobufCMessageDescriptor *find_descriptor(const std::string &type);
+
+// The key of a record: the packed index sub-message (empty for types without an
+// index or an all-zero one) and a byte string that sorts keys by their field
+// values, so that "key order" is numeric order of the index fields.
+struct RecordKey {
+    std::string key;
+    std::string order;
+};
+RecordKey key_of(const ProtobufCMessage *msg);
+
+// Packs a message into a string.
+std::string pack(const ProtobufCMessage *msg);
+
+// Unpacks `packed` as `type` with our own descriptor to find its key. False when
+// the type is unknown or the bytes do not decode.
+bool key_of_packed(const std::string &type, const std::string &packed, RecordKey *out);
+
+// ---- object database ---------------------------------------------------------------
+
+struct StoreKey {
+    std::string type;
+    std::string order;
+    std::string key;
+    bool operator<(const StoreKey &o) const {
+        return std::tie(type, order, key) < std::tie(o.type, o.order, o.key);
+    }
+};
+
+struct Stored {
+    std::string packed;
+    bool field_form = false;
+    bool expired = false;  // inside an open data-sync bracket and not yet rewritten
+};
+
+using Database = std::map<StoreKey, Stored>;
+
+struct Session {
+    void *client = nullptr;
+    bool connected = false;  // the module connected it
+    bool down = false;       // lost, waiting for a reconnect
+    xn_mom_conn_cb_t conn_cb = nullptr;
+    xn_mom_disconn_cb_t disconn_cb = nullptr;
+    xn_mom_reconn_cb_t reconn_cb = nullptr;
+};
+
+struct Subscription {
+    uint64_t id;
+    int db;
+    std::string type;
+    const ProtobufCMessageDescriptor *desc;  // the module's own copy
+    xn_mom_event_cb_t cb;
+    void *client;
+    void *user;
+};
+
+// ---- data-sync agent ---------------------------------------------------------------
+
+struct Agent {
+    std::unique_ptr<xn_mom_ab_t> ab;
+    std::vector<std::string> types;  // from xn_mom_reg_ds
+};
+
+struct KeyEventReg {
+    xn_mom_ab_t *agent;
+    xn_mom_ds_reg_t *reg;
+    std::string type;
+    const ProtobufCMessageDescriptor *desc;
+    int event;
+    xn_mom_key_event_cb_t cb;
+    void *user;
+};
+
+// ---- everything else ---------------------------------------------------------------
+
+struct QueueItem {
+    std::function<void()> fn;
+    uint64_t sub_id = 0;  // subscription the event is for (0: none)
+};
+
+struct Timer {
+    uint64_t id;
+    uint64_t due_us;
+    xn_thread_func_t fn;
+};
+
+struct Fault {
+    std::string op;
+    int db;
+    int count;  // < 0: always
+    int rv;
+};
+
+struct DdmReg {
+    int kind;
+    libddm_notify_cb_t cb;
+    void *ctx;
+};
+
+struct CommandEntry {
+    platform::Command cmd;
+    ssat_cmd_fn handler;
+};
+
+using Port = std::tuple<int, int, int>;
+
+struct State {
+    // unit side, kept across module instances
+    std::map<int, Database> dbs;
+    std::map<std::string, std::map<StoreKey, std::string>> agent_records;  // by type
+    std::vector<uint32_t> cards;                                           // announcement order
+    std::map<Port, std::optional<uint32_t>> chipids, phyids;
+    std::map<std::string, std::optional<int32_t>> capacity;
+    std::set<Port> offline_cards;
+    std::vector<Fault> faults;
+    std::vector<platform::ModuleWrite> module_writes;
+    std::vector<platform::LogLine> log;
+    std::deque<std::string> categories;  // stable storage behind category pointers
+    std::string db_path;
+    uint64_t now_us = 0;
+    int ssat_init_result = 0;
+
+    // module instance side
+    std::deque<QueueItem> queue;
+    std::map<int, Session> sessions;
+    std::vector<Subscription> subs;
+    std::set<std::pair<int, std::string>> open_brackets;
+    std::vector<std::unique_ptr<Agent>> agents;
+    std::vector<KeyEventReg> key_regs;
+    std::vector<DdmReg> ddm_regs;
+    std::vector<Timer> timers;
+    std::set<uint64_t> firing;  // timers queued but not yet run
+    std::map<std::string, CommandEntry> commands;
+
+    uint64_t next_id = 1;
+};
+
+State &st();
+
+// The failure result when a fault is armed for `op` (db < 0: the function takes
+// no database), consuming one count of it.
+std::optional<int> fault(const char *op, int db = -1);
+
+void enqueue(std::function<void()> fn, uint64_t sub_id = 0);
+
+// Persist the databases when a file is attached.
+void save_dbs();
+// Drop every module-instance part of the state.
+void drop_instance_state();
+
+}  // namespace plat
