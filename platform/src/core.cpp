@@ -29,8 +29,8 @@ std::optional<int> fault(const char *op, int db) {
     return std::nullopt;
 }
 
-void enqueue(std::function<void()> fn, uint64_t sub_id) {
-    st().queue.push_back(QueueItem{std::move(fn), sub_id});
+void enqueue(std::function<void()> fn, uint64_t sub_id, uint64_t timer_id) {
+    st().queue.push_back(QueueItem{std::move(fn), sub_id, timer_id});
 }
 
 void drop_instance_state() {
@@ -47,7 +47,6 @@ void drop_instance_state() {
     s.agents.clear();
     s.ddm_regs.clear();
     s.timers.clear();
-    s.firing.clear();
     s.commands.clear();
 }
 
@@ -96,8 +95,10 @@ void xn_thread_cancel(void *thread) {
     if (plat::fault("xn_thread_cancel")) return;
     plat::State &s = st();
     auto id = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(thread));
+    if (id == 0) return;  // 0 tags every queued item that is not a timer
     std::erase_if(s.timers, [id](const plat::Timer &t) { return t.id == id; });
-    s.firing.erase(id);  // due but not yet delivered: still cancellable
+    // Due but not yet delivered is still pending for the module.
+    std::erase_if(s.queue, [id](const plat::QueueItem &item) { return item.timer_id == id; });
 }
 
 }  // extern "C"
@@ -165,11 +166,7 @@ void advance_us(uint64_t us) {
         plat::Timer t = *next;
         s.timers.erase(next);
         if (t.due_us > s.now_us) s.now_us = t.due_us;
-        s.firing.insert(t.id);
-        plat::enqueue([t] {
-            if (st().firing.erase(t.id) == 0) return;  // cancelled after it became due
-            t.fn(timer_handle(t.id));
-        });
+        plat::enqueue([t] { t.fn(timer_handle(t.id)); }, 0, t.id);
     }
     s.now_us = target;
 }

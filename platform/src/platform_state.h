@@ -106,7 +106,8 @@ struct KeyEventReg {
 
 struct QueueItem {
     std::function<void()> fn;
-    uint64_t sub_id = 0;  // subscription the event is for (0: none)
+    uint64_t sub_id = 0;    // subscription the event is for (0: none)
+    uint64_t timer_id = 0;  // timer that became due (0: none)
 };
 
 struct Timer {
@@ -160,7 +161,6 @@ struct State {
     std::vector<KeyEventReg> key_regs;
     std::vector<DdmReg> ddm_regs;
     std::vector<Timer> timers;
-    std::set<uint64_t> firing;  // timers queued but not yet run
     std::map<std::string, CommandEntry> commands;
 
     uint64_t next_id = 1;
@@ -172,7 +172,7 @@ State &st();
 // no database), consuming one count of it.
 std::optional<int> fault(const char *op, int db = -1);
 
-void enqueue(std::function<void()> fn, uint64_t sub_id = 0);
+void enqueue(std::function<void()> fn, uint64_t sub_id = 0, uint64_t timer_id = 0);
 
 // Persist the databases when a file is attached.
 void save_dbs();
