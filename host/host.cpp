@@ -277,7 +277,8 @@ void Host::settle() {
 void Host::emit(const std::string &text) {
     flush_module_stdout();
     last_output_ += text;
-    std::cout << text << std::flush;
+    // Debug commands often end without a newline; keep the next line apart.
+    std::cout << text << (text.empty() || text.back() == '\n' ? "" : "\n") << std::flush;
 }
 
 // ---- actions --------------------------------------------------------------------
@@ -502,11 +503,15 @@ void Host::expect(Cursor &c) {
                                 db_name(db) + ", got " + std::to_string(got));
         }
     } else if (what == "log" || what == "no-log") {
+        // "[func] TEXT" narrows the match to lines logged under that function
+        // name (many of the module's lines just say "enter").
+        std::string func = c.bracketed().value_or("");
         std::string text = c.rest();
-        if (text.empty()) throw ScriptError("expect " + what + " needs a text");
+        if (text.empty() && func.empty()) throw ScriptError("expect " + what + " needs a text");
         auto hit = std::find_if(last_log_.begin(), last_log_.end(), [&](const auto &l) {
-            return l.text.find(text) != std::string::npos;
+            return (func.empty() || l.func == func) && l.text.find(text) != std::string::npos;
         });
+        if (!func.empty()) text = "[" + func + "] " + text;
         if (what == "log" && hit == last_log_.end()) {
             std::string got = std::to_string(last_log_.size()) + " log lines";
             size_t shown = 0;
@@ -577,7 +582,8 @@ std::string Host::help() const {
         "  cmd NAME [INT...]                      a debug command of the module\n"
         "  show DB [TYPE]\n"
         "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"
-        "  expect log|no-log TEXT | expect output|no-output TEXT | expect exit N\n"
+        "  expect log|no-log [FUNC] TEXT           a line of the previous command's log\n"
+        "  expect output|no-output TEXT | expect exit N\n"
         "  print TEXT | help\n";
     auto cmds = platform::commands();
     if (cmds.empty()) {

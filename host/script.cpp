@@ -147,6 +147,16 @@ std::string Cursor::record(const char *what) {
     throw ScriptError(std::string(what) + " has unbalanced braces");
 }
 
+std::optional<std::string> Cursor::bracketed() {
+    skip_blanks();
+    if (pos_ >= text_.size() || text_[pos_] != '[') return std::nullopt;
+    size_t close = text_.find(']', pos_);
+    if (close == std::string::npos) throw ScriptError("'[' without ']'");
+    std::string name = trim(text_.substr(pos_ + 1, close - pos_ - 1));
+    pos_ = close + 1;
+    return name;
+}
+
 bool Cursor::next_is_quote() {
     skip_blanks();
     return pos_ < text_.size() && text_[pos_] == '"';

@@ -52,6 +52,8 @@ class Cursor {
     // The rest of the statement as a text: a quoted string (with \" \\ \n \t
     // escapes) or the bare rest, trimmed. Empty is allowed.
     std::string rest();
+    // "[name]" when it stands next: the name inside the brackets.
+    std::optional<std::string> bracketed();
     // The next thing is a quoted text (so "missing" can be told from missing).
     bool next_is_quote();
     // Throws when anything is left.
