@@ -67,22 +67,20 @@ uint8_t dtm_byte(T v) {
 
 }  // namespace
 
-static int dpm_dtm_scan(void *client, const ProtobufCMessage *tmpl) {
-    int rv = xn_mom_scan(client, XN_MOM_LOCAL_DB, tmpl, 0, dpm_dtm_cb, nullptr);
-    if (rv != 0) DPM_ERR("scan dtm info failed!");
-    return rv;
-}
-
 int dpm_dtm_ds(void *client) {
     DPM_INFO("enter");
     PDev__DtmRouteInfo tmpl = P_DEV__DTM_ROUTE_INFO__INIT;
-    return dpm_dtm_scan(client, &tmpl.base);
+    int rv = xn_mom_scan(client, XN_MOM_LOCAL_DB, &tmpl.base, 0, dpm_dtm_cb, nullptr);
+    if (rv != 0) DPM_ERR("scan dtm info failed!");
+    return rv;
 }
 
 int dpm_dtm_ds_fiap(void *client) {
     DPM_INFO("enter");
     PDev__DtmFiapRouteInfo tmpl = P_DEV__DTM_FIAP_ROUTE_INFO__INIT;
-    return dpm_dtm_scan(client, &tmpl.base);
+    int rv = xn_mom_scan(client, XN_MOM_LOCAL_DB, &tmpl.base, 0, dpm_dtm_cb, nullptr);
+    if (rv != 0) DPM_ERR("scan dtm info failed!");
+    return rv;
 }
 
 dpm_dtm_info *dpm_dtm_malloc_info(uint32_t fib_num, uint32_t mfib_num) {
