@@ -119,6 +119,7 @@ void reset() {
     s.module_writes.clear();
     s.log.clear();
     s.db_path.clear();
+    s.db_dirty = false;
     s.now_us = 0;
     s.ssat_init_result = 0;
 }
@@ -137,7 +138,11 @@ bool run_one() {
     // Take the item out first: the callback may queue more or drop the instance.
     plat::QueueItem item = std::move(q.front());
     q.pop_front();
+    plat::State &s = st();
+    s.callback_depth++;
     item.fn();
+    s.callback_depth--;
+    if (s.callback_depth == 0) plat::flush_dbs();
     return true;
 }
 

@@ -7,6 +7,7 @@
 // a callback is unpacked with the subscriber's own descriptor and freed again
 // when the callback returns, as the real client owns it for that long.
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <utility>
@@ -167,8 +168,15 @@ bool load_dbs(const std::string &path, std::map<int, Database> *out) {
 }  // namespace
 
 void save_dbs() {
+    if (st().db_path.empty()) return;
+    st().db_dirty = true;
+    if (st().callback_depth == 0) flush_dbs();
+}
+
+void flush_dbs() {
     const std::string &path = st().db_path;
-    if (path.empty()) return;
+    if (path.empty() || !st().db_dirty) return;
+    st().db_dirty = false;
     // Write aside and rename, so that a process ending mid-save leaves the old file.
     const std::string tmp = path + ".tmp";
     {
@@ -442,7 +450,13 @@ bool db_connected(int db) {
 
 int db_open_file(const std::string &path) {
     plat::State &s = st();
+    // A module that ends the process from a callback (exit 77) must not lose
+    // what that callback wrote.
+    static const bool flush_at_exit = std::atexit([] { plat::flush_dbs(); }) == 0;
+    (void)flush_at_exit;
+    plat::flush_dbs();  // whatever belongs to the file attached so far
     s.db_path = path;
+    s.db_dirty = false;
     if (path.empty()) return 0;
     std::ifstream probe(path);
     if (!probe) return 0;  // created by the first change

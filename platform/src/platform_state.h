@@ -149,6 +149,8 @@ struct State {
     std::vector<platform::LogLine> log;
     std::deque<std::string> categories;  // stable storage behind category pointers
     std::string db_path;
+    bool db_dirty = false;  // changed inside a callback, saved when it returns
+    int callback_depth = 0;
     uint64_t now_us = 0;
     int ssat_init_result = 0;
 
@@ -174,8 +176,11 @@ std::optional<int> fault(const char *op, int db = -1);
 
 void enqueue(std::function<void()> fn, uint64_t sub_id = 0, uint64_t timer_id = 0);
 
-// Persist the databases when a file is attached.
+// Persist the databases when a file is attached. Inside a callback the save
+// waits until the callback returns (or the process exits), so that a burst of
+// writes costs one save rather than one per record.
 void save_dbs();
+void flush_dbs();
 // Drop every module-instance part of the state.
 void drop_instance_state();
 

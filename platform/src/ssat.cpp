@@ -122,8 +122,12 @@ bool run_command(const std::string &name, const std::vector<int> &args, std::str
     // Copy: the handler may register or drop commands while it runs.
     const plat::CommandEntry entry = it->second;
     int result = 0;
+    // A command is a callback like any other: its writes are saved when it returns.
+    plat::st().callback_depth++;
     std::string text =
         capture_stdout([&] { result = call_handler(entry.handler, entry.cmd.nargs, a); });
+    plat::st().callback_depth--;
+    if (plat::st().callback_depth == 0) plat::flush_dbs();
     if (out != nullptr) *out = std::move(text);
     if (rv != nullptr) *rv = result;
     return true;

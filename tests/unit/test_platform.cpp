@@ -3,6 +3,7 @@
 // agent and device-data replays, timers, faults, commands and the database file.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -833,6 +834,37 @@ TEST_F(Platform, DatabaseFileSurvivesTheProcess) {
     std::string first;
     std::getline(in, first);
     EXPECT_EQ(first, "garbage");
+    std::filesystem::remove(path);
+}
+
+int write_then_exit(void *client) {
+    Uc rec(55, 5);
+    xn_mom_set(client, kTopo, rec.msg(), 0, 0);
+    std::exit(77);  // how the module ends a session it cannot resume
+}
+
+TEST_F(Platform, DatabaseFileKeepsWritesOfACallbackThatEndsTheProcess) {
+    const std::string path = dpm_test::scratch_root() + "/plat-exit-" + std::to_string(getpid());
+    std::filesystem::remove(path);
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        platform::reset();
+        if (platform::db_open_file(path) != 0) _exit(1);
+        xn_mom_client_connect(platform::host_handle(), kTopo, write_then_exit);
+        platform::run_until_idle();
+        _exit(2);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 77);
+    ASSERT_EQ(platform::db_open_file(path), 0);
+    auto recs = platform::db_records(kTopo, kUc);
+    ASSERT_EQ(recs.size(), 1u);
+    EXPECT_EQ(modid_of(recs[0].packed), 55u);
+    platform::db_open_file("");
     std::filesystem::remove(path);
 }
 
