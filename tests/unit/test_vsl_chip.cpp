@@ -1,0 +1,170 @@
+// VSL chip state: the forward list in arrival order, "vsl_chip exist" ending
+// the add, a non-forward report keeping a listed chip, the follow-up after
+// data sync, deletion by record and by device.
+#include <vector>
+
+#include "intake_fixture.h"
+
+namespace {
+
+using dpm_test::Event;
+using intake_test::IntakeTest;
+
+struct ChipState {
+    UCluster__ChipIdx idx = U_CLUSTER__CHIP_IDX__INIT;
+    UCluster__VslChipFwdstate rec = U_CLUSTER__VSL_CHIP_FWDSTATE__INIT;
+    std::string word;
+    ChipState(uint32_t dev, uint32_t slot, uint32_t unit, uint32_t modid, std::string w)
+        : word(std::move(w)) {
+        idx.t_devid = dev;
+        idx.slot = slot;
+        idx.sslot = 0;
+        idx.unit = unit;
+        rec.index = &idx;
+        rec.fwd_state = word.data();
+        rec.modid = modid;
+    }
+    ChipState(const ChipState &) = delete;
+    ProtobufCMessage *msg() { return &rec.base; }
+};
+
+int feed(Event e) {
+    return dpm_vsl_chipst_cb(platform::host_handle(), e.get());
+}
+
+std::vector<uint32_t> listed_modids() {
+    std::vector<uint32_t> out;
+    dpm_vsl_chip *c = nullptr;
+    dpm_list_for_each_entry(c, &dpm_vsl_chip_head, link) out.push_back(c->modid);
+    return out;
+}
+
+class VslChipTest : public IntakeTest {};
+
+TEST_F(VslChipTest, ForwardChipsAreListedInArrivalOrder) {
+    ChipState a(2, 1, 0, 20, "forward");
+    ChipState b(1, 1, 0, 10, "forward");
+    ChipState c(1, 1, 1, 11, "part_forward");
+    for (ChipState *s : {&a, &b, &c}) EXPECT_EQ(feed(Event::set(s->msg())), 0);
+    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{20, 10}));
+    const dpm_vsl_chip *first = dpm_get_vsl_chipst(&a.idx);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->devid, 2U);
+    EXPECT_EQ(first->slot, 1U);
+    EXPECT_EQ(first->unit, 0U);
+    EXPECT_EQ(dpm_get_vsl_chipst(&c.idx), nullptr);
+    EXPECT_TRUE(logged("vsl_chip state is not forward"));
+}
+
+TEST_F(VslChipTest, SecondForwardReportEndsTheAdd) {
+    make_ready();
+    ChipState a(2, 1, 0, 20, "forward");
+    EXPECT_EQ(feed(Event::set(a.msg())), 0);
+    EXPECT_TRUE(logged("enter", "dpm_proc_rdy_chip_in_unused"));
+    clear_log();
+    ChipState again(2, 1, 0, 99, "forward");
+    EXPECT_EQ(feed(Event::set(again.msg())), 0);
+    EXPECT_TRUE(logged("vsl_chip exist"));
+    EXPECT_FALSE(logged("enter", "dpm_proc_rdy_chip_in_unused"));
+    EXPECT_FALSE(logged("exit"));
+    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{20}));
+}
+
+TEST_F(VslChipTest, BlockReportKeepsAListedChipAndStillRunsTheFollowUp) {
+    make_ready();
+    ChipState a(2, 1, 0, 20, "forward");
+    ASSERT_EQ(feed(Event::set(a.msg())), 0);
+    clear_log();
+    ChipState block(2, 1, 0, 20, "block");
+    EXPECT_EQ(feed(Event::set(block.msg())), 0);
+    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{20}));
+    EXPECT_TRUE(logged("enter", "dpm_proc_rdy_chip_in_unused"));
+    EXPECT_TRUE(logged("exit", "dpm_proc_vsl_chipst_add"));
+}
+
+TEST_F(VslChipTest, OwnChipAfterAnApplicationMakesTheMemberForward) {
+    struct Row {
+        const char *name;
+        bool ready;
+        bool applied;
+        uint32_t chip_dev;
+        uint32_t expect_state;
+    };
+    const Row rows[] = {
+        {"own chip after application", true, true, 1, DPM_FWD_FORWARD},
+        {"peer chip after application", true, true, 2, DPM_FWD_BLOCK},
+        {"own chip before any application", true, false, 1, DPM_FWD_BLOCK},
+        {"own chip before data sync", false, true, 1, DPM_FWD_BLOCK},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        if (row.ready) make_ready();
+        if (row.applied) {
+            dpm_dtm_info *m = dpm_dtm_malloc_info(0, 0);
+            dpm_add_dtm_info(m);
+            dpm_set_hwcfg(m);
+        }
+        ChipState s(row.chip_dev, 1, 0, 30, "forward");
+        EXPECT_EQ(feed(Event::set(s.msg())), 0);
+        EXPECT_EQ(dpm_get_my_fwd_state(), row.expect_state);
+        EXPECT_EQ(
+            intake_test::count_writes("u_cluster.kel_dev_fwdstate", platform::ModuleWrite::Set),
+            row.expect_state == DPM_FWD_FORWARD ? 1U : 0U);
+        EXPECT_EQ(logged("ds not end!", "dpm_proc_vsl_chipst_add"), !row.ready);
+        TearDown();
+    }
+}
+
+TEST_F(VslChipTest, DeleteEventRemovesOnlyThatChip) {
+    ChipState a(2, 1, 0, 20, "forward");
+    ChipState b(2, 1, 1, 21, "forward");
+    ASSERT_EQ(feed(Event::set(a.msg())), 0);
+    ASSERT_EQ(feed(Event::set(b.msg())), 0);
+    EXPECT_EQ(feed(Event::del(a.msg())), 0);
+    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{21}));
+    clear_log();
+    EXPECT_EQ(feed(Event::del(a.msg())), 0);
+    EXPECT_TRUE(logged("can't find vsl_chip"));
+    EXPECT_TRUE(platform::module_writes().empty());
+}
+
+TEST_F(VslChipTest, DelVslChipstRemovesEveryChipOfTheDeviceEvenWhenTheRecordDeleteFails) {
+    ChipState a(2, 1, 0, 20, "forward");
+    ChipState b(3, 1, 0, 30, "forward");
+    ChipState c(2, 4, 1, 21, "forward");
+    for (ChipState *s : {&a, &b, &c}) ASSERT_EQ(feed(Event::set(s->msg())), 0);
+    platform::fail("xn_mom_del", XN_MOM_UDP_DB, 1);
+    dpm_del_vsl_chipst(2);
+    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{30}));
+    EXPECT_EQ(intake_test::count_writes("u_cluster.vsl_chip_fwdstate", platform::ModuleWrite::Del),
+              1U);  // the first delete failed, the second went through
+    EXPECT_TRUE(logged("del vsl_chip state failed, rv is -1"));
+}
+
+TEST_F(VslChipTest, EventFrameScanAndBadRecords) {
+    UCluster__VslChipFwdstate no_index = U_CLUSTER__VSL_CHIP_FWDSTATE__INIT;
+    EXPECT_EQ(dpm_vsl_chipst_cb(platform::host_handle(), nullptr), DPM_ERR_EVENT);
+    EXPECT_TRUE(logged("msg is NULL!"));
+    EXPECT_EQ(feed(Event::error(2)), DPM_ERR_EVENT);
+    EXPECT_TRUE(logged("msg error is 2!"));
+    EXPECT_EQ(feed(Event::set(&no_index.base)), 0);
+    EXPECT_TRUE(logged("vsl_chip state record invalid, cmd:1, dropped"));
+    EXPECT_TRUE(listed_modids().empty());
+
+    ChipState stored(2, 1, 0, 20, "forward");
+    ASSERT_EQ(platform::db_set(XN_MOM_UDP_DB, "u_cluster.vsl_chip_fwdstate",
+                               dpm_test::pack(stored.msg())),
+              0);
+    EXPECT_EQ(feed(Event::ds_request()), 0);
+    platform::run_until_idle();
+    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{20}));
+    EXPECT_EQ(rdy_vsl_chip_ds_end, 1);
+    EXPECT_TRUE(logged("ds not end!", "dpm_proc_ds_end"));
+
+    platform::fail("xn_mom_scan", XN_MOM_UDP_DB);
+    EXPECT_EQ(feed(Event::ds_request()), 0);
+    EXPECT_TRUE(logged("scan vsl_chip state failed!"));
+}
+
+}  // namespace
