@@ -3,6 +3,7 @@
 // output of the action are kept for the expectations that follow it.
 #include "host.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -342,6 +343,11 @@ void Host::do_fail(Cursor &c) {
         c.end();
         platform::clear_faults();
         return;
+    }
+    // The stand-in takes any name; a misspelt one would silently never fail.
+    // Every platform function is a symbol of the loaded platform library.
+    if (dlsym(RTLD_DEFAULT, op.c_str()) == nullptr) {
+        throw ScriptError("unknown platform function '" + op + "'");
     }
     int db = -1, count = 1, rv = -1;
     while (auto w = c.try_word()) {

@@ -33,8 +33,9 @@ class FirstError : public pb::io::ErrorCollector {
     void AddError(int line, pb::io::ColumnNumber column, const std::string &message) override {
         if (!seen_) {
             seen_ = true;
+            // Lines count from the record's opening brace.
             text_ = "line " + std::to_string(line + 1) + " column " + std::to_string(column + 1) +
-                    ": " + message;
+                    " of the record: " + message;
         }
     }
     void AddWarning(int, pb::io::ColumnNumber, const std::string &) override {}

@@ -237,7 +237,7 @@ int parse_db(const std::string &tok) {
         if (tok == n.name) return n.db;
     }
     if (!tok.empty() && std::isdigit(static_cast<unsigned char>(tok[0]))) {
-        return static_cast<int>(parse_int(tok, 0, 63, "database"));
+        return static_cast<int>(parse_int(tok, 0, 15, "database"));
     }
     throw ScriptError("unknown database '" + tok +
                       "' (a number or ASIC_DB, LOCAL_DB, UDP_DB, TOPO_DB)");

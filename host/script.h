@@ -68,7 +68,7 @@ class Cursor {
 // Strict integer parsing: the whole token, within the range.
 int64_t parse_int(const std::string &tok, int64_t lo, int64_t hi, const char *what);
 
-// Database: a number 0..63 or one of ASIC_DB, LOCAL_DB, UDP_DB, TOPO_DB.
+// Database: a number 0..15 or one of ASIC_DB, LOCAL_DB, UDP_DB, TOPO_DB.
 int parse_db(const std::string &tok);
 
 // DEV/SLOT/X with DEV 1..32, SLOT 0..31 and X 0..x_max.

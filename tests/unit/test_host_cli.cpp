@@ -100,6 +100,8 @@ TEST_F(HostCli, StatusAndMessageOfEachOutcome) {
          "s.dpm:1: unknown record type 'p_dev.nothing'"},
         {"unknown database", "expect count 99 u_cluster.kel_uc_balance 0\nprint after\n", 2,
          "s.dpm:1: database 99 is out of range"},
+        {"misspelt fault", "fail libddm_int\nprint after\n", 2,
+         "s.dpm:1: unknown platform function 'libddm_int'"},
         {"bad position", "card online 1/2 yes\nprint after\n", 2, "s.dpm:1: bad card '1/2'"},
         {"bad port", "port 1/2/x chip 4\nprint after\n", 2, "s.dpm:1: bad port '1/2/x'"},
         {"unclosed record", "print a\ndb set 14 u_cluster.kel_uc_balance {\n", 2,

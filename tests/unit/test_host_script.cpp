@@ -212,7 +212,7 @@ TEST(HostValues, Databases) {
         int want;  // -1: error
     } cases[] = {
         {"ASIC_DB", 0}, {"LOCAL_DB", 3}, {"UDP_DB", 8},   {"TOPO_DB", 14}, {"14", 14}, {"0", 0},
-        {"63", 63},     {"64", -1},      {"topo_db", -1}, {"TOPO", -1},    {"-1", -1}, {"", -1},
+        {"15", 15},     {"16", -1},      {"topo_db", -1}, {"TOPO", -1},    {"-1", -1}, {"", -1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.tok);
@@ -335,7 +335,8 @@ TEST(HostRecords, BadTypesAndTextAreScriptErrors) {
     } cases[] = {
         {"u_cluster.kel_uc_balancer", "", "unknown record type 'u_cluster.kel_uc_balancer'"},
         {"kel_uc_balance", "", "unknown record type"},
-        {"u_cluster.kel_uc_balance", "index { modid: x }", "line 1 column 16: Expected integer"},
+        {"u_cluster.kel_uc_balance", "index { modid: x }",
+         "line 1 column 16 of the record: Expected integer"},
         {"u_cluster.kel_uc_balance", "\n  nope: 1", "line 2 column"},
         {"u_cluster.kel_uc_balance", "apid: -1", "malformed u_cluster.kel_uc_balance record"},
         {"u_cluster.kel_dev_fwdstate", "fwd_state: 3", "line 1"},
