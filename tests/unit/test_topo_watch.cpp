@@ -1,0 +1,312 @@
+// TOPO_DB watchers: read-back of the module's earlier output into the caches,
+// refusal of records that cannot be held, and the expiry brackets.
+#include <gtest/gtest.h>
+
+#include "frame_test_util.h"
+#include "test_support.h"
+#include "u_cluster.pb.h"
+
+namespace {
+
+using frame_test::has_log;
+
+class TopoWatch : public ::testing::Test {
+  protected:
+    void SetUp() override { frame_test::clean_module(4); }
+    void TearDown() override { dpm_cache_init(); }
+
+    static void ds_request(int (*watcher)(void *, xn_mom_msg_t *)) {
+        auto ev = dpm_test::Event::ds_request();
+        EXPECT_EQ(watcher(platform::host_handle(), ev.get()), 0);
+        platform::run_until_idle();
+    }
+    static void put_uc(uint32_t modid, uint32_t local, uint32_t apid, uint32_t lport,
+                       uint32_t peer) {
+        u_cluster::kel_uc_balance r;
+        r.mutable_index()->set_modid(modid);
+        r.set_local_modid(local);
+        r.set_apid(apid);
+        r.set_lport(lport);
+        r.set_peer_modid(peer);
+        ASSERT_EQ(platform::db_set(14, "u_cluster.kel_uc_balance", r.SerializeAsString()), 0);
+    }
+    static std::vector<dpm_uc_info> uc_entries() {
+        std::vector<dpm_uc_info> out;
+        dpm_uc_info *uc = nullptr;
+        dpm_list_for_each_entry(uc, &dpm_uc_head, link) out.push_back(*uc);
+        return out;
+    }
+};
+
+TEST_F(TopoWatch, UnicastReadBackTakesTheRecordsValues) {
+    // One entry already held, with other values and applied.
+    auto *held = dpm_zalloc<dpm_uc_info>();
+    *held = dpm_uc_info{{}, 100, 1, 2, 1, 3, 0, 1};
+    dpm_list_add_tail(&held->link, &dpm_uc_head);
+    put_uc(200, 5, 1, 6, 7);
+    put_uc(100, 7, 2, 9, 11);
+    put_uc(2047, 1, 1, 1, 1);
+    put_uc(3000, 1, 1, 1, 1);  // beyond any module-id table
+
+    ds_request(dpm_uc_balance_cb);
+    const auto e = uc_entries();
+    ASSERT_EQ(e.size(), 3U);
+    EXPECT_EQ(e[0].dstmodid, 100U);
+    EXPECT_EQ(&dpm_list_first_entry(&dpm_uc_head, dpm_uc_info, link)->link, &held->link);
+    struct want {
+        uint32_t dst, local, peer, apid, lport;
+    };
+    const want w[] = {{100, 7, 11, 2, 9}, {200, 5, 7, 1, 6}, {2047, 1, 1, 1, 1}};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(e[i].dstmodid, w[i].dst);
+        EXPECT_EQ(e[i].localmodid, w[i].local) << w[i].dst;
+        EXPECT_EQ(e[i].peer_modid, w[i].peer) << w[i].dst;
+        EXPECT_EQ(e[i].apid, w[i].apid) << w[i].dst;
+        EXPECT_EQ(e[i].lport, w[i].lport) << w[i].dst;
+        EXPECT_EQ(e[i].expire, 1) << w[i].dst;
+        EXPECT_EQ(e[i].apply, 0) << w[i].dst;
+    }
+    auto log = platform::take_log();
+    EXPECT_TRUE(has_log(log, "dpm_proc_uc_balance_info",
+                        "uc balance record modid 3000 out of range [0-2047], dropped",
+                        XN_ZLOG_ERROR));
+    EXPECT_EQ(g_uc_ds_over, 1);
+    EXPECT_EQ(g_igr_ds_over, 0);
+}
+
+TEST_F(TopoWatch, IngressReadBackCopiesExactly64Words) {
+    u_cluster::vsl_srcmod_igr r2;
+    r2.mutable_index()->set_apid(2);
+    for (uint32_t i = 0; i < 64; ++i) r2.add_permit_modid(i * 2654435761U);
+    u_cluster::vsl_srcmod_igr r3 = r2;
+    r3.mutable_index()->set_apid(3);
+    u_cluster::vsl_srcmod_igr r0 = r2;
+    r0.mutable_index()->set_apid(0);
+    u_cluster::vsl_srcmod_igr short1;
+    short1.mutable_index()->set_apid(1);
+    for (uint32_t i = 0; i < 63; ++i) short1.add_permit_modid(0xFFFFFFFFU);
+    for (const auto *r : {&r2, &r3, &r0, &short1}) {
+        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_srcmod_igr", r->SerializeAsString()), 0);
+    }
+    dpm_igr_permit_applied[1].modid_bmp[3] = 0x55;  // must survive the refused record
+
+    ds_request(dpm_igr_cb);
+    EXPECT_EQ(dpm_igr_permit_applied[2].apid, 2U);
+    for (uint32_t i = 0; i < 64; ++i) {
+        EXPECT_EQ(dpm_igr_permit_applied[2].modid_bmp[i], i * 2654435761U) << i;
+    }
+    EXPECT_EQ(dpm_igr_permit_applied[1].apid, 0U);
+    EXPECT_EQ(dpm_igr_permit_applied[1].modid_bmp[3], 0x55U);
+    EXPECT_TRUE(dpm_bmp_empty(dpm_igr_permit_applied[0].modid_bmp));
+    EXPECT_TRUE(dpm_bmp_empty(dpm_igr_permit[2].modid_bmp));  // the wanted table is not touched
+    auto log = platform::take_log();
+    EXPECT_TRUE(has_log(log, "dpm_igr_scan_cb", "igr record apid 3 out of range [1-2], dropped",
+                        XN_ZLOG_ERROR));
+    EXPECT_TRUE(has_log(log, "dpm_igr_scan_cb", "igr record apid 0 out of range [1-2], dropped"));
+    EXPECT_TRUE(has_log(log, "dpm_igr_scan_cb",
+                        "igr record apid 1 carries 63 permit words, need 64, dropped"));
+    EXPECT_EQ(g_igr_ds_over, 1);
+}
+
+TEST_F(TopoWatch, MainMulticastReadBackTakesAtMost128Words) {
+    u_cluster::mainmc_vlan r;
+    r.mutable_index()->set_apid(1);
+    r.mutable_index()->set_t_cfg_modid(33);
+    for (uint32_t i = 0; i < 130; ++i) r.add_vlan(i + 1);
+    u_cluster::mainmc_vlan r2;
+    r2.mutable_index()->set_apid(2);
+    r2.mutable_index()->set_t_cfg_modid(34);
+    r2.add_vlan(0xF0);
+    u_cluster::mainmc_vlan bad;
+    bad.mutable_index()->set_apid(7);
+    for (const auto *m : {&r, &r2, &bad}) {
+        ASSERT_EQ(platform::db_set(14, "u_cluster.mainmc_vlan", m->SerializeAsString()), 0);
+    }
+    dpm_mmc[2].vlan_bmp.fill(0xFFFFFFFFU);
+
+    ds_request(dpm_mmc_cb);
+    EXPECT_EQ(dpm_mmc[1].valid, 1);
+    EXPECT_EQ(dpm_mmc[1].wait_add, 1);
+    EXPECT_EQ(dpm_mmc[1].modid, 33U);
+    for (uint32_t i = 0; i < 128; ++i) EXPECT_EQ(dpm_mmc[1].vlan_bmp[i], i + 1);
+    // A short bitmap leaves no earlier VLAN behind.
+    EXPECT_EQ(dpm_mmc[2].vlan_bmp[0], 0xF0U);
+    EXPECT_EQ(dpm_mmc[2].vlan_bmp[1], 0U);
+    EXPECT_EQ(dpm_mmc[2].modid, 34U);
+    EXPECT_EQ(dpm_mmc[0].valid, 0);
+    EXPECT_TRUE(has_log(platform::take_log(), "dpm_mmc_scan_cb",
+                        "mmc record apid 7 out of range [1-2], dropped"));
+    EXPECT_EQ(g_mmc_ds_over, 1);
+}
+
+TEST_F(TopoWatch, WatchersIgnoreAnythingButTheDataSyncRequest) {
+    using watcher = int (*)(void *, xn_mom_msg_t *);
+    const watcher ws[] = {dpm_uc_balance_cb, dpm_igr_cb, dpm_mmc_cb};
+    const char *names[] = {"dpm_uc_balance_cb", "dpm_igr_cb", "dpm_mmc_cb"};
+    UCluster__ModidIdx idx = U_CLUSTER__MODID_IDX__INIT;
+    UCluster__KelUcBalance rec = U_CLUSTER__KEL_UC_BALANCE__INIT;
+    idx.modid = 5;
+    rec.index = &idx;
+    for (size_t i = 0; i < 3; ++i) {
+        auto set = dpm_test::Event::set(&rec.base);
+        EXPECT_EQ(ws[i](platform::host_handle(), set.get()), 0);
+        auto del = dpm_test::Event::del(&rec.base);
+        EXPECT_EQ(ws[i](platform::host_handle(), del.get()), 0);
+        EXPECT_EQ(platform::pending(), 0U);
+
+        EXPECT_EQ(ws[i](platform::host_handle(), nullptr), -4);
+        auto err = dpm_test::Event::error(5);
+        EXPECT_EQ(ws[i](platform::host_handle(), err.get()), -4);
+        auto log = platform::take_log();
+        EXPECT_TRUE(has_log(log, names[i], "msg is NULL!", XN_ZLOG_ERROR));
+        EXPECT_TRUE(has_log(log, names[i], "msg error is 5!", XN_ZLOG_ERROR));
+    }
+    EXPECT_TRUE(dpm_list_empty(&dpm_uc_head));
+}
+
+// ---------------------------------------------------------------------------
+// Expiry brackets
+// ---------------------------------------------------------------------------
+
+class Expire : public TopoWatch {
+  protected:
+    // Records of an earlier run that no new configuration writes again: each
+    // disappears exactly when its bracket closes.
+    static void put_stale() {
+        put_uc(2000, 1, 1, 1, 1);
+        u_cluster::vsl_srcmod_igr igr;
+        igr.mutable_index()->set_apid(3);
+        u_cluster::vsl_srcmod_egr egr;
+        egr.mutable_index()->set_apid(3);
+        u_cluster::vsl_ap_member mbr;
+        mbr.mutable_index()->set_apid(3);
+        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_srcmod_igr", igr.SerializeAsString()), 0);
+        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_srcmod_egr", egr.SerializeAsString()), 0);
+        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_ap_member", mbr.SerializeAsString()), 0);
+    }
+    static bool stale_left(const char *type) {
+        for (const auto &r : platform::db_records(14, type)) {
+            if (r.type == "u_cluster.kel_uc_balance") {
+                u_cluster::kel_uc_balance m;
+                m.ParseFromString(r.packed);
+                if (m.index().modid() == 2000) return true;
+            } else {
+                u_cluster::vsl_srcmod_igr m;  // the same index in all three
+                m.ParseFromString(r.packed);
+                if (m.index().apid() == 3) return true;
+            }
+        }
+        return false;
+    }
+    static void ring_on() {
+        static dpm_time_entry entries[64];
+        udp_dpm_dbg_time = {0, 1, 64, 0, entries, udp_dpm_dbg_time_str};
+    }
+    static bool ring_has(int32_t event) {
+        const udp_dpm_dbg_time_t &t = udp_dpm_dbg_time;
+        for (uint32_t c = 1; c <= t.count; ++c) {
+            if (t.entries[c % t.size].event == event) return true;
+        }
+        return false;
+    }
+    void TearDown() override {
+        udp_dpm_dbg_time = {};
+        TopoWatch::TearDown();
+    }
+};
+
+TEST_F(Expire, AllBracketsOpenRewriteAndClose) {
+    ring_on();
+    put_stale();
+    platform::run_until_idle();
+    platform::clear_module_writes();
+    platform::take_log();
+    dpm_kel_set_expire(platform::host_handle());
+    EXPECT_EQ(is_exprire_mom_flag, 0);
+    for (const char *t : {"u_cluster.kel_uc_balance", "u_cluster.vsl_srcmod_igr",
+                          "u_cluster.vsl_srcmod_egr", "u_cluster.vsl_ap_member"}) {
+        EXPECT_FALSE(stale_left(t)) << t;
+    }
+    EXPECT_TRUE(ring_has(DPM_T_SETEXPIRE));
+    EXPECT_TRUE(ring_has(DPM_T_DELEXPIRE));
+    auto log = platform::take_log();
+    for (const char *f :
+         {"dpm_kel_set_expire", "dpm_kel_expire_igr_finish", "dpm_kel_expire_egr_finish",
+          "dpm_kel_expire_uc_finish", "dpm_kel_expire_finish", "dpm_kel_del_expire_all"}) {
+        EXPECT_TRUE(has_log(log, f, "enter")) << f;
+    }
+}
+
+// A fault answers the next call of its operation, in the order the faults were
+// set: `passes` faults with result 0 let that many calls through, the next
+// one fails, and every later call fails loudly with -2.
+void fail_nth(const char *op, int passes) {
+    for (int k = 0; k < passes; ++k) platform::fail(op, 14, 1, 0);
+    platform::fail(op, 14, 1, -1);
+    platform::fail(op, 14, -1, -2);
+}
+
+TEST_F(Expire, BracketThatDoesNotOpenEndsTheProtocol) {
+    struct row {
+        int opens_before;  // brackets opened before the failing one
+        const char *func, *error;
+    };
+    const row rows[] = {
+        {0, "dpm_kel_set_expire", "xn_mom_dsbegin igr fail!"},
+        {1, "dpm_kel_expire_igr_finish", "xn_mom_dsbegin egr fail!"},
+        {2, "dpm_kel_expire_egr_finish", "xn_mom_dsbegin keluc fail!"},
+        {3, "dpm_kel_expire_uc_finish", "xn_mom_dsbegin keluc fail!"},
+    };
+    for (const row &r : rows) {
+        SCOPED_TRACE(r.error);
+        frame_test::clean_module(4);
+        ring_on();
+        put_stale();
+        platform::run_until_idle();
+        platform::clear_module_writes();
+        fail_nth("xn_mom_dsbegin_sync", r.opens_before);
+        platform::fail("xn_mom_dsend", 14, -1, -2);  // any close would be logged
+        dpm_kel_set_expire(platform::host_handle());
+        auto log = platform::take_log();
+        EXPECT_TRUE(has_log(log, r.func, r.error, XN_ZLOG_ERROR));
+        EXPECT_FALSE(has_log(log, "dpm_kel_expire_finish", "enter"));   // no rewrite
+        EXPECT_FALSE(has_log(log, "dpm_kel_del_expire_all", "enter"));  // nothing closed
+        EXPECT_TRUE(platform::module_writes().empty());
+        EXPECT_EQ(is_exprire_mom_flag, 0);
+        EXPECT_FALSE(ring_has(DPM_T_DELEXPIRE));
+        EXPECT_TRUE(stale_left("u_cluster.vsl_srcmod_igr"));
+        platform::clear_faults();
+    }
+}
+
+TEST_F(Expire, ClosingStopsAtTheFirstFailureAndTheFlagIsCleared) {
+    const char *errors[] = {"dsend keluc failed!", "dsend igr failed!", "dsend egr failed!",
+                            "dsend apmbr failed!"};
+    for (int k = 0; k < 4; ++k) {
+        SCOPED_TRACE(errors[k]);
+        frame_test::clean_module(4);
+        ring_on();
+        put_stale();
+        platform::run_until_idle();
+        fail_nth("xn_mom_dsend", k);
+        dpm_kel_set_expire(platform::host_handle());
+        auto log = platform::take_log();
+        EXPECT_TRUE(has_log(log, "dpm_kel_expire_finish", "enter"));
+        for (int j = 0; j < 4; ++j) {
+            EXPECT_EQ(has_log(log, "dpm_kel_del_expire_all", errors[j], XN_ZLOG_ERROR), j == k)
+                << errors[j];
+        }
+        EXPECT_EQ(is_exprire_mom_flag, 0);
+        EXPECT_FALSE(ring_has(DPM_T_DELEXPIRE));
+        if (k == 0) {
+            // The unicast bracket did not close, and none of the others was closed.
+            for (const char *t : {"u_cluster.kel_uc_balance", "u_cluster.vsl_srcmod_igr",
+                                  "u_cluster.vsl_srcmod_egr", "u_cluster.vsl_ap_member"}) {
+                EXPECT_TRUE(stale_left(t)) << t;
+            }
+        }
+        platform::clear_faults();
+    }
+}
+
+}  // namespace
