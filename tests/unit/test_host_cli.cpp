@@ -246,7 +246,7 @@ TEST_F(HostCli, LogFileAndLevelFile) {
     fs::path log = dir_ / "module.log";
     fs::path s = write("s.dpm",
                        "set level-file 5\nstart\nexpect log connect asic\n"
-                       "cmd show-log-level\nexpect output 5\n");
+                       "cmd show-log-level\nexpect output \"log level: 5\"\n");
     HostRun r = run({"--log", log.string(), s.string()});
     EXPECT_EQ(r.status, 0) << r.err;
     std::string text = slurp(log);
