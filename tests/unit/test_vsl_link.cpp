@@ -1,0 +1,487 @@
+// VSL link events and readiness: the waiting and active caches, module events
+// of both ends in any order, chip lookups and their limits, the readiness gate
+// with its first-port exception, relearning of chip ids, and records that the
+// caches cannot hold.
+#include <cstring>
+#include <vector>
+
+#include "intake_fixture.h"
+
+namespace {
+
+using dpm_test::Event;
+using intake_test::IntakeTest;
+
+struct Link {
+    PDev__VslPortIndex idx = P_DEV__VSL_PORT_INDEX__INIT;
+    PDev__VslLocalLink rec = P_DEV__VSL_LOCAL_LINK__INIT;
+    Link(int32_t lport, int32_t status, int32_t apid = 1, int32_t peer_lport = -1) {
+        idx.devid = 1;
+        idx.slotid = 1;
+        idx.subslot = 0;
+        idx.lport = lport;
+        rec.index = &idx;
+        rec.status = status;
+        rec.vsl_ap = apid;
+        rec.peer_dev_id = 2;
+        rec.peer_slot_id = 1;
+        rec.peer_sslot_id = 0;
+        rec.peer_lport = peer_lport < 0 ? lport : peer_lport;
+    }
+    Link(const Link &) = delete;
+    ProtobufCMessage *msg() { return &rec.base; }
+};
+
+int feed(Link &l) {
+    Event e = Event::hmset(l.msg());
+    return dpm_local_vsl_cb(platform::host_handle(), e.get());
+}
+
+uint32_t gslot(uint32_t dev) {
+    return dpm_gslot_make(dev, 1, 0);
+}
+void card(uint32_t dev, int op = LIBDDM_OP_ADD) {
+    uint32_t g = gslot(dev);
+    udp_dpm_libddm_notify_cb(nullptr, LIBDDM_NOTIFY_MODULE, op, &g);
+}
+
+void chip_forward(uint32_t dev, uint32_t modid) {
+    auto *c = dpm_zalloc<dpm_vsl_chip>();
+    c->devid = dev;
+    c->slot = 1;
+    c->modid = modid;
+    dpm_list_add_tail(&c->link, &dpm_vsl_chip_head);
+}
+
+dpm_vsl_info *active(int lport, int apid = 1) {
+    dpm_vsl_port p{1, 1, 0, lport};
+    return dpm_get_vsl_info(&dpm_vslap_cache, &p, apid);
+}
+dpm_vsl_info *waiting(int lport, int apid = 1) {
+    dpm_vsl_port p{1, 1, 0, lport};
+    return dpm_get_vsl_info(&dpm_vslap_unused_cache, &p, apid);
+}
+
+class VslLinkTest : public IntakeTest {
+  protected:
+    void SetUp() override {
+        IntakeTest::SetUp();
+        // Ports 1..3 of device 1 face the same ports of device 2; chips 10 and 20.
+        for (int lport = 1; lport <= 3; ++lport) {
+            platform::set_chipid(1, 1, lport, 10);
+            platform::set_chipid(2, 1, lport, 20);
+            platform::set_phyid(1, 1, lport, 100 + static_cast<uint32_t>(lport));
+        }
+    }
+};
+
+// ---- cache operations -----------------------------------------------------------------
+
+TEST_F(VslLinkTest, AddingAKnownPortRefreshesItsFarEndInPlace) {
+    dpm_vsl_info rec{};
+    rec.devid = 1;
+    rec.slot = 1;
+    rec.lport = 4;
+    rec.apid = 2;
+    rec.chipid = 10;
+    rec.peer_dev = 2;
+    rec.peer_lport = 4;
+    rec.peer_chip = 20;
+    rec.peer_gphy = 7;
+    rec.modid_cnt = 3;
+    dpm_vsl_info *first = dpm_add_vsl_info(&dpm_vslap_cache, &rec, 2);
+    ASSERT_NE(first, nullptr);
+
+    dpm_vsl_info again = rec;
+    again.chipid = 99;
+    again.status = 5;
+    again.peer_dev = 3;
+    again.peer_slot = 2;
+    again.peer_sslot = 1;
+    again.peer_lport = 9;
+    again.peer_chip = 0;
+    again.peer_gphy = 0;
+    again.modid_cnt = 0;
+    EXPECT_EQ(dpm_add_vsl_info(&dpm_vslap_cache, &again, 2), first);
+    EXPECT_EQ(dpm_vslap_cache.ap[2].vsl_cnt, 1U);
+    EXPECT_EQ(first->peer_dev, 3);
+    EXPECT_EQ(first->peer_slot, 2);
+    EXPECT_EQ(first->peer_sslot, 1);
+    EXPECT_EQ(first->peer_lport, 9);
+    EXPECT_EQ(first->peer_chip, 0U);
+    EXPECT_EQ(first->peer_gphy, 0U);
+    EXPECT_EQ(first->chipid, 10U);  // the rest is kept
+    EXPECT_EQ(first->status, 0);
+    EXPECT_EQ(first->modid_cnt, 3U);
+
+    dpm_vsl_port p{1, 1, 0, 4};
+    EXPECT_EQ(dpm_get_vsl_info(&dpm_vslap_cache, &p, 1), nullptr);  // other apid
+    dpm_vsl_port missing{1, 1, 0, 5};
+    EXPECT_EQ(dpm_del_vsl_info(&dpm_vslap_cache, &missing, 2), nullptr);
+    EXPECT_TRUE(logged("can't find vslinfo, apid:2, dev:1, slot:1, sslot:0, lport:5"));
+    dpm_vsl_info *gone = dpm_del_vsl_info(&dpm_vslap_cache, &p, 2);
+    EXPECT_EQ(gone, first);
+    EXPECT_EQ(dpm_vslap_cache.ap[2].vsl_cnt, 0U);
+    free(gone);
+    EXPECT_EQ(dpm_add_vsl_info(&dpm_vslap_cache, &rec, 3), nullptr);
+}
+
+// ---- readiness gate --------------------------------------------------------------------
+
+TEST_F(VslLinkTest, PortWaitsForBothModuleEventsFarEndLast) {
+    make_ready();
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    EXPECT_TRUE(logged("two end chip don't has mod event for lvsl"));
+    ASSERT_NE(waiting(1), nullptr);
+    EXPECT_EQ(waiting(1)->chipid, 0U);
+
+    card(1);
+    EXPECT_EQ(log_count("two end chip don't has mod event for lvsl"), 2);
+    EXPECT_NE(waiting(1), nullptr);
+    EXPECT_EQ(active(1), nullptr);
+
+    card(2);  // the far end completes it: first port, no chip needed
+    EXPECT_TRUE(logged("apid:1, enable first lvsl", "dpm_proc_lvsl_up_by_mod_event"));
+    EXPECT_EQ(waiting(1), nullptr);
+    ASSERT_NE(active(1), nullptr);
+    EXPECT_EQ(active(1)->chipid, 10U);
+    EXPECT_EQ(active(1)->peer_chip, 20U);
+    EXPECT_EQ(active(1)->gphyid, 101U);
+    EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 1U);
+    EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt, 0U);
+}
+
+TEST_F(VslLinkTest, BeforeDataSyncPortsWaitWithTheirChipIds) {
+    card(1);
+    card(2);
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    EXPECT_TRUE(logged("ds not end!", "dpm_proc_lvsl_up_by_mod_event"));
+    ASSERT_NE(waiting(1), nullptr);
+    EXPECT_EQ(waiting(1)->chipid, 10U);
+    EXPECT_EQ(waiting(1)->peer_chip, 20U);
+    EXPECT_EQ(active(1), nullptr);
+}
+
+TEST_F(VslLinkTest, SecondPortNeedsBothChipsInTheList) {
+    make_ready();
+    card(1);
+    card(2);
+    Link first(1, 1);
+    Link second(2, 1);
+    ASSERT_EQ(feed(first), 0);
+    ASSERT_NE(active(1), nullptr);
+    ASSERT_EQ(feed(second), 0);
+    EXPECT_TRUE(logged("two end chip is not ready for lvsl"));
+    ASSERT_NE(waiting(2), nullptr);
+
+    chip_forward(1, 10);  // one end is not enough
+    dpm_proc_rdy_chip_in_unused(false);
+    EXPECT_NE(waiting(2), nullptr);
+    EXPECT_TRUE(
+        logged("not ready. devid\xA3\xBA"
+               "1, slot:1, sslot:0, lport:2",
+               "dpm_proc_rdy_chip_in_unused"));
+
+    // The far chip reports forward: the chip handler moves the port.
+    UCluster__ChipIdx idx = U_CLUSTER__CHIP_IDX__INIT;
+    idx.t_devid = 2;
+    idx.slot = 1;
+    UCluster__VslChipFwdstate st = U_CLUSTER__VSL_CHIP_FWDSTATE__INIT;
+    st.index = &idx;
+    st.fwd_state = const_cast<char *>("forward");
+    st.modid = 20;
+    Event e = Event::set(&st.base);
+    ASSERT_EQ(dpm_vsl_chipst_cb(platform::host_handle(), e.get()), 0);
+    EXPECT_EQ(waiting(2), nullptr);
+    EXPECT_NE(active(2), nullptr);
+    EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 2U);
+    EXPECT_TRUE(logged("del lvsl from unused cache"));
+}
+
+TEST_F(VslLinkTest, UpRecordForAnActivePortUpdatesItInPlace) {
+    make_ready();
+    card(1);
+    card(2);
+    chip_forward(1, 10);
+    chip_forward(2, 20);
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    dpm_vsl_info *act = active(1);
+    ASSERT_NE(act, nullptr);
+
+    platform::set_chipid(2, 1, 3, 20);
+    Link moved(1, 1, 1, 3);  // the far end is now port 3
+    ASSERT_EQ(feed(moved), 0);
+    EXPECT_EQ(active(1), act);
+    EXPECT_EQ(act->peer_lport, 3);
+    EXPECT_EQ(act->peer_chip, 20U);
+    EXPECT_EQ(waiting(1), nullptr);
+    EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 1U);
+    EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt, 0U);
+}
+
+TEST_F(VslLinkTest, UpRecordForAWaitingPortKeepsOneEntry) {
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    Link again(1, 1, 1, 2);
+    ASSERT_EQ(feed(again), 0);
+    EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt, 1U);
+    ASSERT_NE(waiting(1), nullptr);
+    EXPECT_EQ(waiting(1)->peer_lport, 2);
+}
+
+TEST_F(VslLinkTest, ChipLookupLimits) {
+    struct Row {
+        const char *name;
+        std::optional<uint32_t> local, peer, phy;
+        bool activated;
+        const char *message;
+    };
+    const Row rows[] = {
+        {"local chip 2048", 2048, 20, 101, false, "the modid of vsl is 2048. out of range!"},
+        {"peer chip 4095", 10, 4095, 101, false, "the modid of vsl is 4095. out of range!"},
+        {"peer lookup fails", 10, std::nullopt, 101, false,
+         "get chipid by dev[2] slot[1] lport[1 ]fail"},
+        {"chip 2047 is the highest", 2047, 20, 101, true, ""},
+        {"physical id fails", 10, 20, std::nullopt, true,
+         "get gphyid by dev[1] slot[1] lport[1] fail"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        SetUp();
+        make_ready();
+        card(1);
+        card(2);
+        platform::set_chipid(1, 1, 1, row.local);
+        platform::set_chipid(2, 1, 1, row.peer);
+        platform::set_phyid(1, 1, 1, row.phy);
+        clear_log();
+        Link l(1, 1);
+        EXPECT_EQ(feed(l), 0);
+        EXPECT_EQ(active(1) != nullptr, row.activated);
+        if (row.activated) {
+            ASSERT_NE(active(1), nullptr);
+            EXPECT_EQ(active(1)->gphyid, row.phy.value_or(0));
+            EXPECT_EQ(active(1)->chipid, *row.local);
+        } else {
+            ASSERT_NE(waiting(1), nullptr);
+            EXPECT_EQ(waiting(1)->chipid, 0U);
+            EXPECT_EQ(waiting(1)->peer_chip, 0U);
+            EXPECT_TRUE(logged("get gphyid and chipid by vsl fail"));
+        }
+        if (*row.message != '\0') {
+            EXPECT_TRUE(logged(row.message));
+        }
+        TearDown();
+    }
+}
+
+// ---- module events ------------------------------------------------------------------
+
+TEST_F(VslLinkTest, ModuleEventTwiceIsKeptOnceAndStillRetries) {
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    card(1);
+    clear_log();
+    card(1);
+    EXPECT_TRUE(logged("gslot exist"));
+    EXPECT_EQ(intake_test::list_len(&dpm_gslot_head), 1U);
+    EXPECT_TRUE(logged("two end chip don't has mod event for lvsl"));
+}
+
+TEST_F(VslLinkTest, ModuleEventRechecksActiveChipIds) {
+    make_ready();
+    card(1);
+    card(2);
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    ASSERT_NE(active(1), nullptr);
+
+    card(1);  // unchanged chips
+    EXPECT_TRUE(logged("the chipid  of lvsl is right"));
+    ASSERT_NE(active(1), nullptr);
+    EXPECT_EQ(active(1)->chipid, 10U);
+
+    platform::set_chipid(1, 1, 1, 11);
+    card(1);
+    EXPECT_TRUE(logged("the chipid  of lvsl is wrong", "dpm_proc_mod_event_add"));
+    ASSERT_NE(active(1), nullptr);  // relearnt and, as the only port, back at once
+    EXPECT_EQ(active(1)->chipid, 11U);
+    EXPECT_EQ(waiting(1), nullptr);
+}
+
+TEST_F(VslLinkTest, FarEndCardRemovalTakesThePortDown) {
+    make_ready();
+    card(1);
+    card(2);
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    ASSERT_NE(active(1), nullptr);
+
+    card(2, LIBDDM_OP_DEL);
+    EXPECT_EQ(active(1), nullptr);
+    ASSERT_NE(waiting(1), nullptr);
+    EXPECT_EQ(waiting(1)->chipid, 0U);
+    EXPECT_EQ(waiting(1)->peer_chip, 0U);
+    EXPECT_EQ(waiting(1)->peer_lport, 1);
+    EXPECT_EQ(waiting(1)->status, 1);
+    EXPECT_EQ(intake_test::list_len(&dpm_gslot_head), 1U);
+
+    clear_log();
+    card(2, LIBDDM_OP_DEL);
+    EXPECT_TRUE(logged("can't find vsl_chip", "dpm_proc_mod_event_del"));
+    EXPECT_NE(waiting(1), nullptr);
+}
+
+TEST_F(VslLinkTest, NotificationsOtherThanModuleEventsAreIgnored) {
+    uint32_t g = gslot(1);
+    EXPECT_EQ(udp_dpm_libddm_notify_cb(nullptr, 1, LIBDDM_OP_ADD, &g), 0);
+    EXPECT_TRUE(dpm_list_empty(&dpm_gslot_head));
+    EXPECT_EQ(udp_dpm_libddm_notify_cb(nullptr, LIBDDM_NOTIFY_MODULE, LIBDDM_OP_ADD, nullptr), 0);
+    EXPECT_TRUE(logged("gslot is NULL", "dpm_proc_modid_event"));
+    EXPECT_EQ(udp_dpm_libddm_notify_cb(nullptr, LIBDDM_NOTIFY_MODULE, 7, &g), 0);
+    EXPECT_TRUE(dpm_list_empty(&dpm_gslot_head));
+    // A gslot of 33 is device 2, slot 1, sub-slot 0.
+    uint32_t g33 = 33;
+    EXPECT_EQ(udp_dpm_libddm_notify_cb(nullptr, LIBDDM_NOTIFY_MODULE, LIBDDM_OP_ADD, &g33), 0);
+    EXPECT_NE(dpm_get_mod_event(gslot(2)), nullptr);
+}
+
+// ---- down records, store-only moves, bad records ------------------------------------
+
+TEST_F(VslLinkTest, DownRecordRemovesAnActivePort) {
+    make_ready();
+    card(1);
+    card(2);
+    Link up(1, 1);
+    ASSERT_EQ(feed(up), 0);
+    ASSERT_NE(active(1), nullptr);
+    Link down(1, 0);
+    EXPECT_EQ(feed(down), 0);
+    EXPECT_EQ(active(1), nullptr);
+    EXPECT_EQ(waiting(1), nullptr);
+    EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 0U);
+}
+
+TEST_F(VslLinkTest, StoreOnlyMoveHasNoFollowUp) {
+    card(1);
+    card(2);
+    Link a(1, 1);
+    Link b(2, 1, 2);
+    ASSERT_EQ(feed(a), 0);
+    ASSERT_EQ(feed(b), 0);
+    chip_forward(1, 10);
+    chip_forward(2, 20);
+    platform::clear_module_writes();
+    dpm_proc_rdy_chip_in_unused(true);
+    EXPECT_NE(active(1, 1), nullptr);
+    EXPECT_NE(active(2, 2), nullptr);
+    EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt + dpm_vslap_unused_cache.ap[2].vsl_cnt, 0U);
+    EXPECT_EQ(dpm_vslap_cache.ap[1].chang_flag, 0);
+    EXPECT_EQ(dpm_vslap_cache.ap[1].max_uc_modid_vsl, nullptr);
+    EXPECT_TRUE(platform::module_writes().empty());
+    EXPECT_EQ(log_count("del lvsl from unused cache"), 2);
+}
+
+TEST_F(VslLinkTest, AggregatePortOutsideOneAndTwoNeverReachesTheCaches) {
+    make_ready();
+    card(1);
+    card(2);
+    for (int32_t apid : {0, 3, -1, 1000}) {
+        for (int32_t status : {1, 0}) {
+            SCOPED_TRACE(::testing::Message() << "apid " << apid << " status " << status);
+            clear_log();
+            Link l(1, status, apid);
+            EXPECT_EQ(feed(l), DPM_ERR_FAIL);
+            std::string msg = "vsl_ap " + std::to_string(apid) +
+                              " out of range, dropped. dev:1, slot:1, sslot:0, lport:1";
+            EXPECT_TRUE(logged(msg, "dpm_proc_lvsl"));
+            for (int a = 0; a < DPM_APID_SLOTS; ++a) {
+                EXPECT_TRUE(dpm_list_empty(&dpm_vslap_cache.ap[a].vsl_list));
+                EXPECT_TRUE(dpm_list_empty(&dpm_vslap_unused_cache.ap[a].vsl_list));
+            }
+        }
+    }
+}
+
+TEST_F(VslLinkTest, EventFrame) {
+    Link l(1, 1);
+    PDev__VslLocalLink no_index = P_DEV__VSL_LOCAL_LINK__INIT;
+    struct Row {
+        const char *name;
+        Event ev;
+        bool null_event;
+        int rv;
+        const char *message;
+    };
+    std::vector<Row> rows = {
+        {"no event", Event{}, true, DPM_ERR_EVENT, "msg is NULL!"},
+        {"event error", Event::error(4), false, DPM_ERR_EVENT, "msg error is 4!"},
+        {"entry status", Event::hmset(l.msg(), 2), false, DPM_ERR_FAIL, "unexpected, error!"},
+        {"entry missing", Event{}, false, DPM_ERR_FAIL, "unexpected, error!"},
+        {"record without index", Event::hmset(&no_index.base), false, DPM_ERR_FAIL,
+         "local vsl record invalid, dropped"},
+        {"whole form ignored", Event::set(l.msg()), false, 0, ""},
+        {"delete ignored", Event::del(l.msg()), false, 0, ""},
+    };
+    rows[3].ev.msg.cmd = XN_MOM_CMD_HMSET;
+    for (auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        clear_log();
+        EXPECT_EQ(
+            dpm_local_vsl_cb(platform::host_handle(), row.null_event ? nullptr : row.ev.get()),
+            row.rv);
+        if (*row.message != '\0') {
+            EXPECT_TRUE(logged(row.message, "dpm_local_vsl_cb"));
+        }
+        EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt, 0U);
+    }
+}
+
+TEST_F(VslLinkTest, DataSyncScanTakesFieldFormRecordsAndEndsTheSync) {
+    Link stored(1, 1);
+    ASSERT_EQ(
+        platform::db_hmset(XN_MOM_LOCAL_DB, "p_dev.vsl_local_link", dpm_test::pack(stored.msg())),
+        0);
+    Event e = Event::ds_request();
+    EXPECT_EQ(dpm_local_vsl_cb(platform::host_handle(), e.get()), 0);
+    platform::run_until_idle();
+    EXPECT_NE(waiting(1), nullptr);
+    EXPECT_EQ(dpm_vslap_cache.ds_end, 1);
+    EXPECT_TRUE(logged("ds not end!", "dpm_proc_ds_end"));
+
+    platform::fail("xn_mom_scan", XN_MOM_LOCAL_DB);
+    clear_log();
+    Event again = Event::ds_request();
+    EXPECT_EQ(dpm_local_vsl_cb(platform::host_handle(), again.get()), 0);
+    EXPECT_TRUE(logged("scan dtm info failed!", "dpm_local_vsl_ds"));
+}
+
+TEST_F(VslLinkTest, ReadinessTests) {
+    chip_forward(1, 10);
+    chip_forward(2, 30);
+    struct Row {
+        uint32_t chip, peer;
+        bool ready;
+    };
+    for (const Row &row :
+         {Row{10, 30, true}, Row{10, 20, false}, Row{20, 30, false}, Row{0, 0, false}}) {
+        dpm_vsl_info e{};
+        e.chipid = row.chip;
+        e.peer_chip = row.peer;
+        bool ready = true;
+        dpm_both_end_is_ready(&e, &ready);
+        EXPECT_EQ(ready, row.ready) << row.chip << "/" << row.peer;
+    }
+    bool one = false;
+    dpm_one_end_is_ready(99, &one);
+    EXPECT_FALSE(one);
+    one = true;
+    dpm_one_end_is_ready(99, &one);  // left as the caller set it
+    EXPECT_TRUE(one);
+    EXPECT_EQ(dpm_get_vslmodid_by_vslinfo(77), 77);
+}
+
+}  // namespace
