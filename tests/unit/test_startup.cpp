@@ -11,14 +11,6 @@
 #include "p_dev.pb.h"
 #include "test_support.h"
 
-// The module has no shutdown entry: whatever a loaded copy allocates (its
-// timing ring, its own device entry) becomes unreachable once the copy is
-// unloaded, which the leak checker would report for every test here. Leaks of
-// the module's own code are checked by the white-box test programs.
-extern "C" const char *__lsan_default_options() {
-    return "detect_leaks=0";
-}
-
 namespace {
 
 using frame_test::has_log;

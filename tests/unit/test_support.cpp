@@ -46,7 +46,9 @@ ModuleInstance::ModuleInstance() {
             std::to_string(seq++) + ".so";
     std::filesystem::copy_file(DPM_MODULE_PATH, path_,
                                std::filesystem::copy_options::overwrite_existing);
-    handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // The module has no shutdown entry: its caches live as long as the process.
+    // Keeping each copy mapped keeps them reachable, as they are on a member.
+    handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (handle_ == nullptr) throw std::runtime_error(dlerror());
 }
 
