@@ -349,7 +349,7 @@ void Host::do_fail(Cursor &c) {
     if (dlsym(RTLD_DEFAULT, op.c_str()) == nullptr) {
         throw ScriptError("unknown platform function '" + op + "'");
     }
-    int db = -1, count = 1, rv = -1;
+    int db = -1, count = 1, rv = -1, skip = 0;
     while (auto w = c.try_word()) {
         if (*w == "db") {
             db = parse_db(c.word("database"));
@@ -358,12 +358,14 @@ void Host::do_fail(Cursor &c) {
             count = n == "always" ? -1 : static_cast<int>(parse_int(n, -1, INT32_MAX, "count"));
         } else if (*w == "rv") {
             rv = int_arg(c, "failure result");
+        } else if (*w == "after") {
+            skip = static_cast<int>(parse_int(c.word("calls"), 0, INT32_MAX, "after"));
         } else {
-            throw ScriptError("expected db, count or rv, found '" + *w + "'");
+            throw ScriptError("expected db, count, rv or after, found '" + *w + "'");
         }
     }
     c.end();
-    platform::fail(op, db, count, rv);
+    platform::fail(op, db, count, rv, skip);
 }
 
 void Host::do_start(bool restart) {

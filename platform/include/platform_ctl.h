@@ -114,7 +114,9 @@ uint64_t now_us();
 // Make the named platform function (e.g. "xn_mom_set", "libddm_init",
 // "xn_mom_client_connect") fail. db < 0: any database. count < 0: always.
 // rv: the failure result to return (or, for pointer results, null).
-void fail(const std::string &op, int db = -1, int count = 1, int rv = -1);
+// skip: that many matching calls succeed first (the 2nd of a chain of calls
+// fails with skip 1).
+void fail(const std::string &op, int db = -1, int count = 1, int rv = -1, int skip = 0);
 void clear_faults();
 
 // ---- logging -----------------------------------------------------------------------

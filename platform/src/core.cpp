@@ -22,6 +22,11 @@ std::optional<int> fault(const char *op, int db) {
     for (auto it = faults.begin(); it != faults.end(); ++it) {
         // A database filter only narrows calls that name a database.
         if (it->op != op || (db >= 0 && it->db >= 0 && it->db != db)) continue;
+        // Calls before the fault's turn go through: the Nth call of a chain can fail.
+        if (it->skip > 0) {
+            --it->skip;
+            return std::nullopt;
+        }
         int rv = it->rv;
         if (it->count > 0 && --it->count == 0) faults.erase(it);
         return rv;
@@ -180,9 +185,9 @@ uint64_t now_us() {
     return st().now_us;
 }
 
-void fail(const std::string &op, int db, int count, int rv) {
+void fail(const std::string &op, int db, int count, int rv, int skip) {
     if (count == 0) return;
-    st().faults.push_back(plat::Fault{op, db, count, rv});
+    st().faults.push_back(plat::Fault{op, db, count, rv, skip < 0 ? 0 : skip});
 }
 
 void clear_faults() {

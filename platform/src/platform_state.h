@@ -121,6 +121,7 @@ struct Fault {
     int db;
     int count;  // < 0: always
     int rv;
+    int skip;  // matching calls that still succeed before the fault starts
 };
 
 struct DdmReg {

@@ -637,6 +637,7 @@ TEST_F(Platform, FaultsFailTheNamedCallOnceNTimesOrAlways) {
         int rv;
         std::vector<int> call_dbs;
         std::vector<int> want;
+        int skip = 0;
     };
     const std::vector<Case> cases = {
         {"once", -1, 1, -1, {kTopo, kTopo}, {-1, 0}},
@@ -644,11 +645,13 @@ TEST_F(Platform, FaultsFailTheNamedCallOnceNTimesOrAlways) {
         {"always", -1, -1, 3, {kTopo, kTopo, kTopo, kTopo}, {3, 3, 3, 3}},
         {"db filter", 8, 1, -1, {kTopo, 8, 8}, {0, -1, 0}},
         {"no count", -1, 0, -1, {kTopo}, {0}},
+        {"third call", -1, 1, -2, {kTopo, kTopo, kTopo, kTopo}, {0, 0, -2, 0}, 2},
+        {"skip counts matching db only", 8, 1, -1, {kTopo, 8, kTopo, 8}, {0, 0, 0, -1}, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         platform::reset();
-        platform::fail("xn_mom_set", c.fault_db, c.count, c.rv);
+        platform::fail("xn_mom_set", c.fault_db, c.count, c.rv, c.skip);
         Uc rec(1, 1);
         for (size_t i = 0; i < c.call_dbs.size(); i++) {
             EXPECT_EQ(xn_mom_set(h(), c.call_dbs[i], rec.msg(), 0, 0), c.want[i]) << "call " << i;
