@@ -1,0 +1,512 @@
+// Consistency oracle, linked into a test-only copy of the module so that it
+// reads the very caches the module keeps. At a quiet moment (no callback
+// pending) it compares TOPO_DB with those caches and walks the caches' own
+// invariants, and reports every difference as one line.
+//
+// Two groups of checks:
+// - structure: list counts, bitmaps and indexes agree with the lists, load
+//   pointers and main multicast ports point into the active cache, and the
+//   unicast balance invariants hold. They hold at any quiet moment.
+// - output: TOPO_DB holds exactly what the applied caches say. They are only
+//   meaningful once the four input syncs are over (before that, the records of
+//   an earlier run are still being taken over).
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform_ctl.h"
+#include "udp_dpm.h"
+
+namespace {
+
+class Report {
+  public:
+    void add(const char *fmt, ...) __attribute__((format(printf, 2, 3))) {
+        char buf[512];
+        va_list ap;
+        va_start(ap, fmt);
+        std::vsnprintf(buf, sizeof buf, fmt, ap);
+        va_end(ap);
+        text_ += buf;
+        text_ += '\n';
+        ++count_;
+    }
+    int count() const { return count_; }
+    const std::string &text() const { return text_; }
+
+  private:
+    std::string text_;
+    int count_ = 0;
+};
+
+// A list head the module has not set up yet (before its first start) is all zero.
+bool live(const dpm_list *head) {
+    return head->next != nullptr && head->prev != nullptr;
+}
+
+// Walk a list defensively: a broken link ends the walk with a report instead of
+// a crash in the oracle itself.
+template <class T, class F>
+bool walk(const dpm_list *head, const char *what, Report &r, F &&fn) {
+    if (!live(head)) return true;
+    size_t guard = 0;
+    const dpm_list *prev = head;
+    for (const dpm_list *p = head->next; p != head; p = p->next) {
+        if (p == nullptr || reinterpret_cast<uintptr_t>(p) == DPM_LIST_POISON1 ||
+            reinterpret_cast<uintptr_t>(p) == DPM_LIST_POISON2) {
+            r.add("%s: broken link after %zu elements", what, guard);
+            return false;
+        }
+        if (p->prev != prev) r.add("%s: element %zu has a wrong prev link", what, guard);
+        if (++guard > 1000000) {
+            r.add("%s: list does not close", what);
+            return false;
+        }
+        fn(reinterpret_cast<const T *>(reinterpret_cast<const char *>(p) - offsetof(T, link)));
+        prev = p;
+    }
+    if (head->prev != prev) r.add("%s: head prev is not the last element", what);
+    return true;
+}
+
+template <size_t N>
+std::string bits(const std::array<uint32_t, N> &b, uint32_t limit = 40) {
+    std::string out;
+    uint32_t shown = 0;
+    for (uint32_t v = 0; v < N * 32; ++v) {
+        if (!dpm_bmp_test(b, v)) continue;
+        if (shown++ == limit) {
+            out += "...";
+            break;
+        }
+        out += std::to_string(v) + ",";
+    }
+    return out.empty() ? "-" : out;
+}
+
+const char *port_name(const dpm_vsl_info *v, char *buf, size_t len) {
+    std::snprintf(buf, len, "%d/%d/%d/%d", v->devid, v->slot, v->sslot, v->lport);
+    return buf;
+}
+
+// ---- structure --------------------------------------------------------------------
+
+void check_vsl_cache(const dpm_vslap_cache_t &cache, const char *name, Report &r,
+                     std::set<const dpm_vsl_info *> *out) {
+    for (int apid = 0; apid < DPM_APID_SLOTS; ++apid) {
+        const dpm_vslap_entry &ap = cache.ap[apid];
+        if (!live(&ap.vsl_list)) continue;
+        uint32_t n = 0;
+        std::set<const dpm_vsl_info *> here;
+        walk<dpm_vsl_info>(&ap.vsl_list, name, r, [&](const dpm_vsl_info *v) {
+            ++n;
+            here.insert(v);
+            char pb[64];
+            if (v->apid != apid) {
+                r.add("%s apid %d: port %s says apid %d", name, apid, port_name(v, pb, sizeof pb),
+                      v->apid);
+            }
+            if (out != nullptr && !out->insert(v).second) {
+                r.add("%s: port %s linked twice", name, port_name(v, pb, sizeof pb));
+            }
+        });
+        if (apid == 0 && n != 0) r.add("%s: %u ports under apid 0", name, n);
+        if (n != ap.vsl_cnt)
+            r.add("%s apid %d: vsl_cnt %u, list holds %u", name, apid, ap.vsl_cnt, n);
+        if (&cache != &dpm_vslap_cache) continue;  // loads are kept for active ports only
+        for (const dpm_vsl_info *p : {ap.max_uc_modid_vsl, ap.min_uc_modid_vsl}) {
+            if (p != nullptr && here.count(p) == 0) {
+                r.add("%s apid %d: a load pointer names a port outside the aggregate port", name,
+                      apid);
+            }
+        }
+        if (n == 0 && (ap.max_uc_modid_vsl != nullptr || ap.min_uc_modid_vsl != nullptr)) {
+            r.add("%s apid %d: load pointers set on an empty aggregate port", name, apid);
+        }
+    }
+}
+
+void check_structure(Report &r) {
+    // Module-id cache.
+    const dpm_modid_dev_cache_t &mc = dpm_modid_dev_cache;
+    std::map<uint32_t, const dpm_modid_info *> modids;
+    uint32_t devs = 0, dev_bmp = 0, mods = 0;
+    dpm_modid_bmp mod_bmp{};
+    std::set<uint32_t> devids;
+    walk<dpm_dev_head>(&mc.dev_list, "device list", r, [&](const dpm_dev_head *d) {
+        ++devs;
+        if (!devids.insert(d->devid).second) r.add("device %u has two entries", d->devid);
+        dpm_word_set(dev_bmp, d->devid);
+        uint32_t n = 0;
+        dpm_modid_bmp own{};
+        walk<dpm_modid_info>(&d->modid_list, "modid list", r, [&](const dpm_modid_info *m) {
+            ++n;
+            ++mods;
+            if (!dpm_modid_valid(m->modid)) {
+                r.add("module id %u out of range cached on device %u", m->modid, d->devid);
+                return;
+            }
+            if (!modids.emplace(m->modid, m).second) {
+                r.add("module id %u has two entries", m->modid);
+            }
+            dpm_bmp_set(own, m->modid);
+            dpm_bmp_set(mod_bmp, m->modid);
+            if (static_cast<uint32_t>(m->devid) != d->devid) {
+                r.add("module id %u on device %u says device %d", m->modid, d->devid, m->devid);
+            }
+            if (dpm_modid_index[m->modid] != m)
+                r.add("module id %u: index points elsewhere", m->modid);
+        });
+        if (n != d->modid_cnt)
+            r.add("device %u: modid_cnt %u, list holds %u", d->devid, d->modid_cnt, n);
+        if (own != d->modid_bmp) {
+            r.add("device %u: modid_bmp %s, list %s", d->devid, bits(d->modid_bmp).c_str(),
+                  bits(own).c_str());
+        }
+    });
+    if (live(&mc.dev_list)) {
+        if (devs != mc.dev_cnt) r.add("dev_cnt %u, list holds %u", mc.dev_cnt, devs);
+        if (dev_bmp != mc.dev_bmp) r.add("dev_bmp %#x, list %#x", mc.dev_bmp, dev_bmp);
+        if (mods != mc.mod_cnt) r.add("mod_cnt %u, lists hold %u", mc.mod_cnt, mods);
+        if (mod_bmp != mc.mod_bmp) {
+            r.add("mod_bmp %s, lists %s", bits(mc.mod_bmp).c_str(), bits(mod_bmp).c_str());
+        }
+        for (uint32_t m = 0; m < DPM_MODID_MAX; ++m) {
+            if (dpm_modid_index[m] != nullptr && modids.count(m) == 0) {
+                r.add("module id %u: index holds an entry that is in no list", m);
+            }
+        }
+    }
+
+    // VSL caches: every port in exactly one place.
+    std::set<const dpm_vsl_info *> active, waiting;
+    check_vsl_cache(dpm_vslap_cache, "vsl cache", r, &active);
+    check_vsl_cache(dpm_vslap_unused_cache, "unused vsl cache", r, &waiting);
+    for (const dpm_vsl_info *a : active) {
+        for (const dpm_vsl_info *w : waiting) {
+            if (a->devid == w->devid && a->slot == w->slot && a->sslot == w->sslot &&
+                a->lport == w->lport) {
+                char pb[64];
+                r.add("port %s is both active and waiting", port_name(a, pb, sizeof pb));
+            }
+        }
+    }
+
+    // Unicast balance: a module id on at most one port, that port is its
+    // uc_vsl, and a port's load counts its module ids except main boards.
+    std::map<uint32_t, const dpm_vsl_info *> placed;
+    for (const dpm_vsl_info *v : active) {
+        char pb[64];
+        port_name(v, pb, sizeof pb);
+        uint32_t load = 0;
+        for (uint32_t m = 0; m < DPM_MODID_MAX; ++m) {
+            if (!dpm_bmp_test(v->modid_bmp, m)) continue;
+            auto [it, fresh] = placed.emplace(m, v);
+            if (!fresh) r.add("module id %u is on two ports", m);
+            auto e = modids.find(m);
+            if (e == modids.end()) {
+                r.add("port %s carries module id %u, which has no entry", pb, m);
+                continue;
+            }
+            if (e->second->uc_vsl != v)
+                r.add("module id %u is on port %s but uc_vsl points elsewhere", m, pb);
+            if (e->second->is_used != 1)
+                r.add("module id %u is on port %s but is_used is %u", m, pb, e->second->is_used);
+            if (static_cast<uint32_t>(e->second->type) != DPM_NODE_MB) ++load;
+        }
+        if (load != v->modid_cnt) r.add("port %s: modid_cnt %u, counts %u", pb, v->modid_cnt, load);
+    }
+    for (const auto &[m, e] : modids) {
+        if (e->uc_vsl != nullptr && active.count(e->uc_vsl) == 0) {
+            r.add("module id %u: uc_vsl points at a port that is not active", m);
+        } else if (e->uc_vsl != nullptr && placed.count(m) == 0) {
+            r.add("module id %u: uc_vsl set but no port carries it", m);
+        }
+        if (e->uc_vsl == nullptr && e->is_used) r.add("module id %u: is_used without uc_vsl", m);
+    }
+
+    // Main multicast ports.
+    for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
+        const dpm_mmc_info &mmc = dpm_mmc[apid];
+        if (mmc.vsl != nullptr && active.count(mmc.vsl) == 0) {
+            r.add("main multicast of apid %d points at a port that is not active", apid);
+        } else if (mmc.vsl != nullptr && !mmc.valid) {
+            r.add("main multicast of apid %d holds a port without a choice", apid);
+        } else if (mmc.vsl != nullptr && mmc.vsl->apid != apid) {
+            r.add("main multicast of apid %d is bound to a port of apid %d", apid, mmc.vsl->apid);
+        }
+    }
+
+    // Unicast list: one entry per destination.
+    std::set<uint32_t> dsts;
+    walk<dpm_uc_info>(&dpm_uc_head, "unicast list", r, [&](const dpm_uc_info *u) {
+        if (!dsts.insert(u->dstmodid).second) r.add("unicast entry %u twice", u->dstmodid);
+    });
+
+    // Route-map history.
+    uint32_t kept = 0;
+    walk<dpm_dtm_info>(&dpm_dtm_cache.history, "map history", r,
+                       [&](const dpm_dtm_info *) { ++kept; });
+    if (kept > DPM_DTM_HISTORY_MAX) r.add("map history keeps %u maps", kept);
+}
+
+// ---- TOPO_DB against the applied caches ------------------------------------------------
+
+template <class T>
+struct Unpacked {
+    T *msg = nullptr;
+    Unpacked(const ProtobufCMessageDescriptor *d, const std::string &packed) {
+        msg = reinterpret_cast<T *>(protobuf_c_message_unpack(
+            d, nullptr, packed.size(), reinterpret_cast<const uint8_t *>(packed.data())));
+    }
+    ~Unpacked() {
+        if (msg != nullptr) protobuf_c_message_free_unpacked(&msg->base, nullptr);
+    }
+    Unpacked(const Unpacked &) = delete;
+    Unpacked &operator=(const Unpacked &) = delete;
+};
+
+constexpr int kTopo = 14;
+
+void check_uc(Report &r) {
+    std::map<uint32_t, const dpm_uc_info *> entries;
+    walk<dpm_uc_info>(&dpm_uc_head, "unicast list", r,
+                      [&](const dpm_uc_info *u) { entries.emplace(u->dstmodid, u); });
+    std::set<uint32_t> recorded;
+    for (const auto &rec : platform::db_records(kTopo, "u_cluster.kel_uc_balance")) {
+        Unpacked<UCluster__KelUcBalance> u(&u_cluster__kel_uc_balance__descriptor, rec.packed);
+        if (u.msg == nullptr) {
+            r.add("kel_uc_balance: a stored record does not decode");
+            continue;
+        }
+        uint32_t m = u.msg->index != nullptr ? u.msg->index->modid : 0;
+        recorded.insert(m);
+        auto it = entries.find(m);
+        if (it == entries.end()) {
+            r.add("kel_uc_balance %u: record without unicast entry", m);
+            continue;
+        }
+        const dpm_uc_info *e = it->second;
+        if (e->apply == 1 && e->expire == 0 &&
+            (u.msg->local_modid != e->localmodid || u.msg->apid != e->apid ||
+             u.msg->lport != e->lport || u.msg->peer_modid != e->peer_modid)) {
+            r.add(
+                "kel_uc_balance %u: record {local %u apid %u lport %u peer %u}, applied entry "
+                "{local %u apid %u lport %u peer %u}",
+                m, u.msg->local_modid, u.msg->apid, u.msg->lport, u.msg->peer_modid, e->localmodid,
+                e->apid, e->lport, e->peer_modid);
+        }
+    }
+    for (const auto &[m, e] : entries) {
+        if (e->apply == 1 && e->expire == 0 && recorded.count(m) == 0) {
+            r.add("kel_uc_balance %u: applied entry without record", m);
+        }
+    }
+}
+
+template <class Rec>
+void check_filter(Report &r, const char *type, const ProtobufCMessageDescriptor *d,
+                  const dpm_srcmod_filter *applied, size_t Rec::*n, uint32_t *Rec::*words) {
+    for (const auto &rec : platform::db_records(kTopo, type)) {
+        Unpacked<Rec> u(d, rec.packed);
+        if (u.msg == nullptr) {
+            r.add("%s: a stored record does not decode", type);
+            continue;
+        }
+        uint32_t apid = u.msg->index != nullptr ? u.msg->index->apid : 0;
+        if (!dpm_apid_valid(apid)) {
+            r.add("%s: record for apid %u", type, apid);
+            continue;
+        }
+        if (u.msg->*n != 64) {
+            r.add("%s apid %u: %zu words", type, apid, u.msg->*n);
+            continue;
+        }
+        dpm_modid_bmp got{};
+        std::memcpy(got.data(), u.msg->*words, sizeof got);
+        if (got != applied[apid].modid_bmp) {
+            r.add("%s apid %u: record %s, applied %s", type, apid, bits(got).c_str(),
+                  bits(applied[apid].modid_bmp).c_str());
+        }
+    }
+}
+
+void check_ap_member(Report &r) {
+    std::map<uint32_t, std::vector<std::string>> recorded;
+    for (const auto &rec : platform::db_records(kTopo, "u_cluster.vsl_ap_member")) {
+        Unpacked<UCluster__VslApMember> u(&u_cluster__vsl_ap_member__descriptor, rec.packed);
+        if (u.msg == nullptr) {
+            r.add("vsl_ap_member: a stored record does not decode");
+            continue;
+        }
+        uint32_t apid = u.msg->index != nullptr ? u.msg->index->apid : 0;
+        auto &list = recorded[apid];
+        for (size_t i = 0; i < u.msg->n_member; ++i) {
+            const UCluster__Vslport *p = u.msg->member[i];
+            char buf[96];
+            std::snprintf(buf, sizeof buf, "%u/%u/%u/%u@%u", p->devid, p->slot, p->sslot, p->lport,
+                          p->gphyid);
+            list.emplace_back(buf);
+        }
+    }
+    for (const auto &[apid, list] : recorded) {
+        if (!dpm_apid_valid(apid)) r.add("vsl_ap_member: record for apid %u", apid);
+    }
+    for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
+        const dpm_vslap_entry &ap = dpm_vslap_cache.ap[apid];
+        if (ap.chang_flag) continue;  // a write is still owed; the next application makes it
+        std::vector<std::string> want;
+        walk<dpm_vsl_info>(&ap.vsl_list, "vsl cache", r, [&](const dpm_vsl_info *v) {
+            char buf[96];
+            std::snprintf(buf, sizeof buf, "%d/%d/%d/%d@%u", v->devid, v->slot, v->sslot, v->lport,
+                          v->gphyid);
+            want.emplace_back(buf);
+        });
+        auto it = recorded.find(static_cast<uint32_t>(apid));
+        if (it == recorded.end()) {
+            if (!want.empty())
+                r.add("vsl_ap_member apid %d: %zu active ports, no record", apid, want.size());
+            continue;
+        }
+        if (it->second != want) {
+            std::string a, b;
+            for (const auto &s : it->second) a += s + " ";
+            for (const auto &s : want) b += s + " ";
+            r.add("vsl_ap_member apid %d: record [%s], active ports [%s]", apid, a.c_str(),
+                  b.c_str());
+        }
+    }
+}
+
+void check_mmc(Report &r) {
+    std::map<uint32_t, std::vector<std::pair<uint32_t, bool>>>
+        recorded;  // apid -> (modid, all vlans)
+    for (const auto &rec : platform::db_records(kTopo, "u_cluster.mainmc_vlan")) {
+        Unpacked<UCluster__MainmcVlan> u(&u_cluster__mainmc_vlan__descriptor, rec.packed);
+        if (u.msg == nullptr) {
+            r.add("mainmc_vlan: a stored record does not decode");
+            continue;
+        }
+        uint32_t apid = u.msg->index != nullptr ? u.msg->index->apid : 0;
+        uint32_t modid = u.msg->index != nullptr ? u.msg->index->t_cfg_modid : 0;
+        bool full = u.msg->n_vlan == 128;
+        for (size_t i = 0; full && i < u.msg->n_vlan; ++i) full = u.msg->vlan[i] == 0xFFFFFFFFU;
+        recorded[apid].emplace_back(modid, full);
+    }
+    for (const auto &[apid, list] : recorded) {
+        if (!dpm_apid_valid(apid)) r.add("mainmc_vlan: %zu records for apid %u", list.size(), apid);
+    }
+    for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
+        const dpm_mmc_info &mmc = dpm_mmc[apid];
+        const bool want = mmc.valid && !mmc.wait_del;
+        const auto &list = recorded[static_cast<uint32_t>(apid)];
+        for (const auto &[modid, full] : list) {
+            if (!want || modid != mmc.modid) {
+                r.add("mainmc_vlan apid %d modid %u: record, choice valid %u wait_del %u modid %u",
+                      apid, modid, mmc.valid, mmc.wait_del, mmc.modid);
+            } else if (!full) {
+                r.add("mainmc_vlan apid %d modid %u: record does not carry every vlan", apid,
+                      modid);
+            }
+        }
+        if (want && list.empty()) {
+            r.add("mainmc_vlan apid %d: choice modid %u has no record", apid, mmc.modid);
+        }
+    }
+}
+
+void check_output(Report &r) {
+    check_uc(r);
+    check_filter<UCluster__VslSrcmodIgr>(
+        r, "u_cluster.vsl_srcmod_igr", &u_cluster__vsl_srcmod_igr__descriptor,
+        dpm_igr_permit_applied, &UCluster__VslSrcmodIgr::n_permit_modid,
+        &UCluster__VslSrcmodIgr::permit_modid);
+    check_filter<UCluster__VslSrcmodEgr>(
+        r, "u_cluster.vsl_srcmod_egr", &u_cluster__vsl_srcmod_egr__descriptor,
+        dpm_egr_block_applied, &UCluster__VslSrcmodEgr::n_block_modid,
+        &UCluster__VslSrcmodEgr::block_modid);
+    check_ap_member(r);
+    check_mmc(r);
+}
+
+size_t copy_out(const Report &r, char *out, size_t len) {
+    if (out != nullptr && len != 0) {
+        std::snprintf(out, len, "%s", r.text().c_str());
+    }
+    return r.text().size();
+}
+
+}  // namespace
+
+// Differences found, 0 when everything agrees. `flags` bit 0: check the caches'
+// structure; bit 1: check TOPO_DB against the caches (skipped, without a
+// report, until the four input syncs are over). The report is one line a
+// difference, truncated to `len`.
+extern "C" __attribute__((visibility("default"))) int dpm_oracle_check(int flags, char *out,
+                                                                       size_t len) {
+    Report r;
+    if ((flags & 1) != 0) check_structure(r);
+    if ((flags & 2) != 0 && dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over) {
+        check_output(r);
+    }
+    copy_out(r, out, len);
+    return r.count();
+}
+
+// 1 once the four input syncs are over (the output checks then apply).
+extern "C" __attribute__((visibility("default"))) int dpm_oracle_ready(void) {
+    return dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over ? 1 : 0;
+}
+
+// A one-line summary of the caches, for reports: devices, module ids, ports
+// per apid (active/waiting), unicast entries, choices.
+extern "C" __attribute__((visibility("default"))) void dpm_oracle_summary(char *out, size_t len) {
+    size_t uc = live(&dpm_uc_head) ? dpm_list_count(&dpm_uc_head) : 0;
+    std::snprintf(out, len,
+                  "dev_cnt %u mod_cnt %u ap1 %u/%u ap2 %u/%u uc %zu mmc1 %u:%u mmc2 %u:%u maps %u "
+                  "ds %u%u%u%u",
+                  dpm_modid_dev_cache.dev_cnt, dpm_modid_dev_cache.mod_cnt,
+                  dpm_vslap_cache.ap[1].vsl_cnt, dpm_vslap_unused_cache.ap[1].vsl_cnt,
+                  dpm_vslap_cache.ap[2].vsl_cnt, dpm_vslap_unused_cache.ap[2].vsl_cnt, uc,
+                  dpm_mmc[1].valid, dpm_mmc[1].modid, dpm_mmc[2].valid, dpm_mmc[2].modid,
+                  dpm_dtm_cache.dtm_info_cnt, dpm_dtm_cache.ds_end, dpm_vslap_cache.ds_end,
+                  dpm_modid_dev_cache.ds_end, rdy_vsl_chip_ds_end);
+}
+
+// Damage the caches the way a faulty handler would, so that the tests can show
+// that each structural check fires. Test-only: this copy of the module is never
+// shipped. Returns 0 when the damage could be done.
+extern "C" __attribute__((visibility("default"))) int dpm_oracle_damage(int what) {
+    dpm_vslap_entry &ap = dpm_vslap_cache.ap[1];
+    if (!live(&ap.vsl_list) || dpm_list_empty(&ap.vsl_list)) return -1;
+    auto *port = dpm_list_first_entry(&ap.vsl_list, dpm_vsl_info, link);
+    switch (what) {
+        case 1:  // a count that no longer matches its list
+            ap.vsl_cnt++;
+            return 0;
+        case 2:  // a load that does not count the port's module ids
+            port->modid_cnt += 3;
+            return 0;
+        case 3: {  // a module id placed on a port without pointing back at it
+            for (uint32_t m = 0; m < DPM_MODID_MAX; ++m) {
+                if (dpm_bmp_test(port->modid_bmp, m) && dpm_modid_index[m] != nullptr) {
+                    dpm_modid_index[m]->uc_vsl = nullptr;
+                    return 0;
+                }
+            }
+            return -1;
+        }
+        case 4:  // a module id without an entry left on a port
+            dpm_bmp_set(port->modid_bmp, 1999);
+            return 0;
+        case 5:  // the device bitmap out of step with the device list
+            dpm_word_set(dpm_modid_dev_cache.dev_bmp, 9);
+            return 0;
+        default:
+            return -1;
+    }
+}
