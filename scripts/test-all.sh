@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Every test: layout check, the plain build, and the sanitizer build.
+# Every test: layout and static checks, the plain build with its tests, and the
+# sanitizer build (ASan+UBSan) with the same tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 jobs=$(nproc)
 
-scripts/lint.sh
-
 cmake --preset default >/dev/null
 cmake --build --preset default -j "$jobs"
+scripts/lint.sh build/default
 ctest --preset default -j "$jobs"
 
 cmake --preset asan >/dev/null

@@ -57,7 +57,9 @@ const ProtobufCFieldDescriptor *index_field(const ProtobufCMessageDescriptor *de
 template <typename T>
 T field_at(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f) {
     T v;
-    std::memcpy(&v, reinterpret_cast<const char *>(msg) + f->offset, sizeof v);
+    // T is a pointer for message and string fields: copying the pointer is meant.
+    std::memcpy(&v, reinterpret_cast<const char *>(msg) + f->offset,
+                sizeof(T));  // NOLINT(bugprone-sizeof-expression)
     return v;
 }
 

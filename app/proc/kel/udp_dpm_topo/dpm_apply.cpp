@@ -60,7 +60,7 @@ int dpm_apply_ap_cfg(int apid) {
     UCluster__Vslport **ptrs = nullptr;
     if (n != 0) {
         members = static_cast<UCluster__Vslport *>(calloc(n, sizeof(*members)));
-        ptrs = static_cast<UCluster__Vslport **>(calloc(n, sizeof(*ptrs)));
+        ptrs = static_cast<UCluster__Vslport **>(calloc(n, sizeof(UCluster__Vslport *)));
         if (members == nullptr || ptrs == nullptr) {
             free(members);
             free(ptrs);
@@ -276,14 +276,17 @@ void dpm_apply_igr_for_del_modid(int apid) {
     dpm_modid_bmp &applied = dpm_igr_permit_applied[apid].modid_bmp;
     dpm_modid_bmp either = permit;
     dpm_bmp_or(either, applied);
+    // Logged under this function's name: inside the lambda __func__ would
+    // name the call operator.
+    static constexpr const char *fn = "dpm_apply_igr_for_del_modid";
     dpm_for_each_modid(either, [&](uint32_t m) {
         if (dpm_find_modid_info(m) != nullptr) return;
-        DPM_ERR("can't find modid %d info!", m);
+        DPM_ERR_FN(fn, "can't find modid %d info!", m);
         dpm_bmp_clear(permit, m);
         if (!dpm_bmp_test(applied, m)) return;
         dpm_bmp_clear(applied, m);
         dpm_set_igr_to_db(0, apid, applied);
-        DPM_INFO("del modid:%d in apid:%d", m, apid);
+        DPM_INFO_FN(fn, "del modid:%d in apid:%d", m, apid);
     });
 }
 

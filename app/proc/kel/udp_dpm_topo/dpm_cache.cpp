@@ -48,9 +48,11 @@ template <class T>
 static void dpm_list_free_all(dpm_list *head) {
     static_assert(offsetof(T, link) == 0);
     if (dpm_list_live(head)) {
+        // The analyzer loses track of the unlink and reports the next head->next
+        // as freed; every element is unlinked before it is freed.
         while (!dpm_list_empty(head)) {
             dpm_list *node = head->next;
-            dpm_list_del(node);
+            dpm_list_del(node);                   // NOLINT(clang-analyzer-unix.Malloc)
             free(dpm_list_entry(node, T, link));  // NOLINT(cppcoreguidelines-no-malloc)
         }
     }
@@ -86,7 +88,7 @@ static void dpm_modid_dev_cache_init(void) {
         while (!dpm_list_empty(head)) {
             dpm_list *node = head->next;
             dpm_dev_head *dev = dpm_list_entry(node, dpm_dev_head, link);
-            dpm_list_del(node);
+            dpm_list_del(node);  // NOLINT(clang-analyzer-unix.Malloc): as above
             if (dpm_list_live(&dev->modid_list)) {
                 dpm_list_free_all<dpm_modid_info>(&dev->modid_list);
             }
