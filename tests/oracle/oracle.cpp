@@ -130,6 +130,30 @@ void check_vsl_cache(const dpm_vslap_cache_t &cache, const char *name, Report &r
     }
 }
 
+// The calculation's own test of the newest map: every aggregate port that an
+// own unicast route or one of the first two out-interfaces of an own multicast
+// route sends through has an active port.
+bool newest_map_usable() {
+    const dpm_dtm_info *dtm = dpm_dtm_cache.newest;
+    if (dtm == nullptr) return false;
+    bool used[DPM_APID_SLOTS] = {false, false, false};
+    for (uint32_t i = 0; i < dtm->fib_num; ++i) {
+        const dpm_fib_entry &f = dtm->fibs[i];
+        if (f.owner == g_mydevid && dpm_apid_valid(f.oif)) used[f.oif] = true;
+    }
+    for (uint32_t i = 0; i < dtm->mfib_num; ++i) {
+        const dpm_mfib_entry &m = dtm->mfibs[i];
+        if (m.owner != g_mydevid) continue;
+        for (uint32_t k = 0; k < m.oif_num && k < 2; ++k) {
+            if (dpm_apid_valid(m.oif_id[k])) used[m.oif_id[k]] = true;
+        }
+    }
+    for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
+        if (used[apid] && dpm_vslap_cache.ap[apid].vsl_cnt == 0) return false;
+    }
+    return true;
+}
+
 void check_structure(Report &r) {
     // Module-id cache.
     const dpm_modid_dev_cache_t &mc = dpm_modid_dev_cache;
@@ -182,23 +206,29 @@ void check_structure(Report &r) {
         }
     }
 
-    // VSL caches: every port in exactly one place.
+    // VSL caches. A port may be active and waiting at once (an up record for
+    // an active port waits until its gate passes again), and the caches are
+    // kept per apid, so only a port twice in one list is wrong.
     std::set<const dpm_vsl_info *> active, waiting;
     check_vsl_cache(dpm_vslap_cache, "vsl cache", r, &active);
     check_vsl_cache(dpm_vslap_unused_cache, "unused vsl cache", r, &waiting);
-    for (const dpm_vsl_info *a : active) {
-        for (const dpm_vsl_info *w : waiting) {
-            if (a->devid == w->devid && a->slot == w->slot && a->sslot == w->sslot &&
-                a->lport == w->lport) {
-                char pb[64];
-                r.add("port %s is both active and waiting", port_name(a, pb, sizeof pb));
-            }
+    for (const auto *cache : {&dpm_vslap_cache, &dpm_vslap_unused_cache}) {
+        for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
+            std::set<std::array<int32_t, 4>> keys;
+            walk<dpm_vsl_info>(
+                &cache->ap[apid].vsl_list, "vsl list", r, [&](const dpm_vsl_info *v) {
+                    if (!keys.insert({v->devid, v->slot, v->sslot, v->lport}).second) {
+                        char pb[64];
+                        r.add("apid %d: port %s listed twice", apid, port_name(v, pb, sizeof pb));
+                    }
+                });
         }
     }
 
     // Unicast balance: a module id on at most one port, that port is its
     // uc_vsl, and a port's load counts its module ids except main boards.
     std::map<uint32_t, const dpm_vsl_info *> placed;
+    const bool map_usable = newest_map_usable();
     for (const dpm_vsl_info *v : active) {
         char pb[64];
         port_name(v, pb, sizeof pb);
@@ -214,7 +244,10 @@ void check_structure(Report &r) {
             }
             if (e->second->uc_vsl != v)
                 r.add("module id %u is on port %s but uc_vsl points elsewhere", m, pb);
-            if (e->second->is_used != 1)
+            // A map that sends through an aggregate port without ports stops
+            // the calculation after it has cleared every is_used and before it
+            // sets them again; placements stay. Only a usable map owes the flag.
+            if (e->second->is_used != 1 && map_usable)
                 r.add("module id %u is on port %s but is_used is %u", m, pb, e->second->is_used);
             if (static_cast<uint32_t>(e->second->type) != DPM_NODE_MB) ++load;
         }

@@ -240,6 +240,8 @@ uint32_t chip_of(int devid, int slot) {
     return static_cast<uint32_t>(10 * devid + slot - 1);
 }
 
+}  // namespace
+
 std::string mod_alloc(int devid, int slot, int unit, int modid, int node_type) {
     SIntf__ModAllocIndex idx = S_INTF__MOD_ALLOC_INDEX__INIT;
     SIntf__EvtModAlloc rec = S_INTF__EVT_MOD_ALLOC__INIT;
@@ -368,6 +370,8 @@ std::string card_info(int devid, int slot, int sslot, bool online) {
     rec.is_online = online;
     return pack(&rec.base);
 }
+
+namespace {
 
 uint32_t gslot_of(int devid, int slot, int sslot) {
     return (static_cast<uint32_t>(slot) & 0x1FU) |
@@ -745,9 +749,16 @@ std::string record_text(const platform::StoredRecord &r, bool member_order) {
 
 }  // namespace
 
-std::vector<std::string> topo_lines(bool member_order) {
+std::vector<std::string> topo_lines(bool member_order, bool empty_as_absent) {
     std::vector<std::string> out;
-    for (const auto &r : platform::db_records(kTopo)) out.push_back(record_text(r, member_order));
+    for (const auto &r : platform::db_records(kTopo)) {
+        std::string line = record_text(r, member_order);
+        // A member list without members and a filter without bits say what
+        // their absence says.
+        if (empty_as_absent && (line.ends_with(" members") || line.ends_with(" 64 words")))
+            continue;
+        out.push_back(std::move(line));
+    }
     return out;
 }
 

@@ -150,8 +150,21 @@ class UnitDriver {
     OracleModule &module_;
 };
 
+// Packed records of the unit's inputs, as other components write them.
+std::string mod_alloc(int devid, int slot, int unit, int modid, int node_type);
+std::string vsl_link(int devid, int slot, int lport, int status, int apid, int pdev, int pslot,
+                     int plport);
+// The unit's route map: member 2 behind apid a2, member 3 behind apid a3.
+std::string unit_map(int a2, int a3);
+std::string chip_state(int devid, int slot, int unit, const char *word, uint32_t modid);
+std::string dev_state(int devid, const char *word);
+std::string mmc_state(uint32_t modid, uint32_t apid, size_t words);
+
 // TOPO_DB in a comparable form: one line per record, text of its fields.
-std::vector<std::string> topo_lines(bool member_order = true);
+// `member_order` false sorts the members of u_cluster.vsl_ap_member;
+// `empty_as_absent` leaves out member lists without members and filters
+// without bits.
+std::vector<std::string> topo_lines(bool member_order = true, bool empty_as_absent = false);
 std::string join(const std::vector<std::string> &lines);
 
 }  // namespace dpm_stress
