@@ -288,6 +288,18 @@ static void dpm_kel_del_expire_all(void *client, const dpm_expire_tmpls &t) {
     udp_dpm_time_record(DPM_T_DELEXPIRE, 0);
 }
 
+// Without a route map the application writes nothing, so closing the
+// brackets drops every member list and filter record. Nothing may then count
+// as written: the next application must write the member lists and filters
+// again instead of finding them unchanged.
+static void dpm_kel_forget_applied(void) {
+    for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
+        dpm_vslap_cache.ap[apid].chang_flag = 1;
+        dpm_igr_permit_applied[apid].modid_bmp.fill(0);
+        dpm_egr_block_applied[apid].modid_bmp.fill(0);
+    }
+}
+
 static void dpm_kel_expire_finish(void *client, const dpm_expire_tmpls &t) {
     DPM_INFO("enter");
     // Under the flag every wanted record is written, unchanged ones included,
@@ -295,6 +307,7 @@ static void dpm_kel_expire_finish(void *client, const dpm_expire_tmpls &t) {
     (void)dpm_apply_kel_cfg();
     dpm_update_my_fwd_state(1);
     dpm_kel_del_expire_all(client, t);
+    if (!dpm_is_ds_ready()) dpm_kel_forget_applied();
 }
 
 static void dpm_kel_expire_uc_finish(void *client, const dpm_expire_tmpls &t) {
