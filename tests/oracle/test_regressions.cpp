@@ -46,5 +46,28 @@ TEST(Regression, RestartWithoutMapLosesMemberListsAndPermits) {
                                                << join(before);
 }
 
+// A chip with module id 0 reports "forward" while the card of member 1's
+// slot 2 has no module event, so the ports of that card wait with their chip
+// ids never looked up (0). At data-sync end after a restart, the ports whose
+// two chips are in the VSL chip list are put in use unchanged; chip id 0
+// matched the chip of module id 0, and the ports went into use with unknown
+// chips: main multicast chosen for module 0, unicast sent through chip 0.
+TEST(Regression, WaitingPortsWithUnknownChipsStayWaitingAtDataSyncEnd) {
+    UnitDriver unit(module());
+    unit.begin(Baseline::StoredUnit);
+    ASSERT_EQ(platform::db_set(8, "u_cluster.vsl_chip_fwdstate", chip_state(0, 1, 0, "forward", 0)),
+              0);
+    platform::card_del(2U);  // member 1, slot 2
+    platform::run_until_idle();
+    Event restart;
+    unit.apply(restart);
+    expect_clean("after the restart");
+    for (const std::string &line : topo_lines()) {
+        EXPECT_EQ(line.find("u_cluster.mainmc_vlan modid 0 "), std::string::npos) << line;
+        EXPECT_EQ(line.find(" local 0 "), std::string::npos) << line;
+        EXPECT_EQ(line.find(" peer 0"), std::string::npos) << line;
+    }
+}
+
 }  // namespace
 }  // namespace dpm_stress
