@@ -265,6 +265,14 @@ void dpm_proc_rdy_chip_in_unused(bool store_only) {
                 continue;
             }
             if (store_only) {
+                // Chip id 0 means "not looked up yet" (the card had no module
+                // event); matching it against a chip of module id 0 must not
+                // put the port in use. The other path refuses it the same way.
+                if (e->chipid == 0 || e->peer_chip == 0) {
+                    DPM_INFO("chip ids unknown. devid:%d, slot:%d, sslot:%d, lport:%d", e->devid,
+                             e->slot, e->sslot, e->lport);
+                    continue;
+                }
                 dpm_change_vsl_info_store(e, apid);
                 continue;
             }
