@@ -490,6 +490,27 @@ extern "C" __attribute__((visibility("default"))) int dpm_oracle_check(int flags
     return r.count();
 }
 
+// 1 when the newest route map passes the calculation's own test (every
+// aggregate port it sends through has a port in use). Otherwise the
+// calculation stops early and the output keeps what an earlier map made of it.
+extern "C" __attribute__((visibility("default"))) int dpm_oracle_map_usable(void) {
+    return newest_map_usable() ? 1 : 0;
+}
+
+// 1 when the application holds configured devices back: the own member
+// forwards and another device of the map does not. What a held device's
+// records say then depends on when it was last applied.
+extern "C" __attribute__((visibility("default"))) int dpm_oracle_held(void) {
+    if (!live(&dpm_modid_dev_cache.dev_list)) return 0;
+    const dpm_dev_head *me = dpm_find_dev_head(g_mydevid);
+    if (me == nullptr || me->fwd_state != DPM_FWD_FORWARD) return 0;
+    const dpm_dev_head *d = nullptr;
+    dpm_list_for_each_entry(d, &dpm_modid_dev_cache.dev_list, link) {
+        if (d->devid != g_mydevid && d->is_dtm_used && d->fwd_state != DPM_FWD_FORWARD) return 1;
+    }
+    return 0;
+}
+
 // 1 once the four input syncs are over (the output checks then apply).
 extern "C" __attribute__((visibility("default"))) int dpm_oracle_ready(void) {
     return dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over ? 1 : 0;

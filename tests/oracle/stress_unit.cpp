@@ -127,8 +127,10 @@ OracleModule::OracleModule(const std::string &so_path) {
     ready_ = reinterpret_cast<ReadyFn>(dlsym(handle_, "dpm_oracle_ready"));
     summary_ = reinterpret_cast<SummaryFn>(dlsym(handle_, "dpm_oracle_summary"));
     damage_ = reinterpret_cast<DamageFn>(dlsym(handle_, "dpm_oracle_damage"));
+    map_usable_ = reinterpret_cast<ReadyFn>(dlsym(handle_, "dpm_oracle_map_usable"));
+    held_ = reinterpret_cast<ReadyFn>(dlsym(handle_, "dpm_oracle_held"));
     if (init_ == nullptr || check_ == nullptr || ready_ == nullptr || summary_ == nullptr ||
-        damage_ == nullptr) {
+        damage_ == nullptr || map_usable_ == nullptr || held_ == nullptr) {
         throw std::runtime_error("oracle module lacks its entry points");
     }
     snapshot();
@@ -203,6 +205,14 @@ int OracleModule::damage(int what) {
     return damage_(what);
 }
 
+bool OracleModule::map_usable() const {
+    return map_usable_() != 0;
+}
+
+bool OracleModule::held() const {
+    return held_() != 0;
+}
+
 bool OracleModule::ready() const {
     return ready_() != 0;
 }
@@ -235,12 +245,12 @@ constexpr const char *kWords[] = {"forward", "forward", "forward", "block",   "p
                                   "timeout", "",        "Forward", "forward "};
 constexpr int kDbs[] = {kAsic, kLocal, kUdp, kTopo};
 
+}  // namespace
+
 // The chip of a port in the unit: member d's slot s holds chip 10*d + s - 1.
 uint32_t chip_of(int devid, int slot) {
     return static_cast<uint32_t>(10 * devid + slot - 1);
 }
-
-}  // namespace
 
 std::string mod_alloc(int devid, int slot, int unit, int modid, int node_type) {
     SIntf__ModAllocIndex idx = S_INTF__MOD_ALLOC_INDEX__INIT;
@@ -400,6 +410,11 @@ Event decode_event(ByteReader &in) {
             e.db = kAsic;
             e.type = "s_intf.evt_mod_alloc";
             e.packed = mod_alloc(dev, slot, unit, modid, type);
+            e.devid = dev;
+            e.slot = slot;
+            e.lport = unit;
+            e.value = static_cast<uint32_t>(modid);
+            e.pick = static_cast<uint32_t>(type);
             e.text = fmt("%s evt_mod_alloc %d/%d unit %d modid %d type %d",
                          e.kind == Kind::ModAlloc ? "hmset" : "del", dev, slot, unit, modid, type);
             break;
@@ -414,6 +429,9 @@ Event decode_event(ByteReader &in) {
             e.db = kLocal;
             e.type = "p_dev.vsl_local_link";
             e.packed = vsl_link(dev, slot, lport, status, apid, pdev, pslot, plport);
+            // A port as the unit wires it: member 1's slot s joins apid s, and
+            // member s+1 at the far end on the same slot and port.
+            e.pick = dev == 1 && apid == slot && pdev == slot + 1 && pslot == 1 && plport == lport;
             e.text = fmt("%s vsl_local_link %d/%d/%d status %d apid %d peer %d/%d/%d",
                          e.kind == Kind::VslLink ? "hmset" : "del", dev, slot, lport, status, apid,
                          pdev, pslot, plport);
@@ -426,6 +444,7 @@ Event decode_event(ByteReader &in) {
             if (mode != 0) {
                 int a2 = pick(in, kApids), a3 = pick(in, kApids);
                 e.packed = unit_map(a2, a3);
+                e.pick = 1;  // a map the intake takes
                 e.text =
                     fmt("set dtm_route_info unit map, member 2 on apid %d, member 3 on apid %d", a2,
                         a3);
@@ -467,6 +486,8 @@ Event decode_event(ByteReader &in) {
             e.db = kUdp;
             e.type = "u_cluster.vsl_chip_fwdstate";
             e.packed = chip_state(dev, slot, unit, word, modid);
+            // The chip's own module id, reported forwarding.
+            e.pick = std::strcmp(word, "forward") == 0 && unit == 0 && modid == chip_of(dev, slot);
             e.text = fmt("%s vsl_chip_fwdstate %d/%d unit %d \"%s\" modid %u",
                          e.kind == Kind::ChipState ? "set" : "del", dev, slot, unit, word, modid);
             break;

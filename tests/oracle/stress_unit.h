@@ -37,6 +37,10 @@ class OracleModule {
     // Number of differences; the report lists them.
     int check(int flags, std::string *report) const;
     bool ready() const;
+    // The newest route map passes the calculation's test.
+    bool map_usable() const;
+    // The application holds configured devices back (see dpm_oracle_held).
+    bool held() const;
     std::string summary() const;
     // Test-only damage of the caches (see dpm_oracle_damage).
     int damage(int what);
@@ -58,6 +62,8 @@ class OracleModule {
     using SummaryFn = void (*)(char *, size_t);
     using InitFn = int (*)(ce_dpm_dlib_arg *);
     using DamageFn = int (*)(int);
+    ReadyFn map_usable_ = nullptr;
+    ReadyFn held_ = nullptr;
     DamageFn damage_ = nullptr;
     CheckFn check_ = nullptr;
     ReadyFn ready_ = nullptr;
@@ -149,6 +155,10 @@ class UnitDriver {
     void unit_records();
     OracleModule &module_;
 };
+
+// The module id of the chip in member `devid`'s slot `slot` (unit 0; unit u
+// adds 3u).
+uint32_t chip_of(int devid, int slot);
 
 // Packed records of the unit's inputs, as other components write them.
 std::string mod_alloc(int devid, int slot, int unit, int modid, int node_type);
