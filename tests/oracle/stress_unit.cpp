@@ -101,11 +101,23 @@ __attribute__((no_sanitize("address", "undefined"))) void raw_copy(unsigned char
     for (size_t i = 0; i < n; ++i) d[i] = src[i];
 }
 
-// Old instances' globals, kept so that what they pointed at stays reachable
-// for the leak checker (a dead process's heap is not a leak of the new one).
-std::vector<std::vector<unsigned char>> &graveyard() {
-    static auto *g = new std::vector<std::vector<unsigned char>>();
+// What old instances' globals pointed at, kept so that their caches stay
+// reachable for the leak checker (a dead process's heap is not a leak of the
+// new one). Only the non-zero words are kept: they are all a scan needs.
+std::vector<std::vector<uintptr_t>> &graveyard() {
+    static auto *g = new std::vector<std::vector<uintptr_t>>();
     return *g;
+}
+
+__attribute__((no_sanitize("address", "undefined"))) std::vector<uintptr_t> live_words(
+    uintptr_t start, size_t n) {
+    std::vector<uintptr_t> out;
+    const uintptr_t first = (start + sizeof(uintptr_t) - 1) & ~(sizeof(uintptr_t) - 1);
+    for (uintptr_t a = first; a + sizeof(uintptr_t) <= start + n; a += sizeof(uintptr_t)) {
+        uintptr_t w = *reinterpret_cast<const volatile uintptr_t *>(a);
+        if (w != 0) out.push_back(w);
+    }
+    return out;
 }
 
 }  // namespace
@@ -168,15 +180,9 @@ void OracleModule::snapshot() {
 
 void OracleModule::restore() {
     for (const Range &r : ranges_) {
-        std::vector<unsigned char> old(r.bytes.size());
-        raw_copy(old.data(), reinterpret_cast<const unsigned char *>(r.start), old.size());
-        graveyard().push_back(std::move(old));
+        graveyard().push_back(live_words(r.start, r.bytes.size()));
         raw_copy(reinterpret_cast<unsigned char *>(r.start), r.bytes.data(), r.bytes.size());
     }
-    // Bound the keepsakes: a long fuzzing run restarts many times, and with the
-    // leak checker off nothing needs them.
-    if (graveyard().size() > 4096)
-        graveyard().erase(graveyard().begin(), graveyard().begin() + 2048);
 }
 
 int OracleModule::start(uint32_t devid, uint32_t node_type) {
@@ -702,6 +708,26 @@ void UnitDriver::apply(const Event &e) {
     }
     platform::run_until_idle();
     platform::take_log();
+}
+
+std::string run_event_input(OracleModule &module, const uint8_t *data, size_t size) {
+    if (size == 0) return "";
+    ByteReader in(data, size);
+    UnitDriver unit(module);
+    const auto baseline = static_cast<Baseline>(in.u8() % 3);
+    unit.begin(baseline);
+    std::string trail = "baseline " + std::to_string(static_cast<int>(baseline)) + "\n";
+    std::string report;
+    if (module.check(OracleModule::kAll, &report) != 0) return trail + report;
+    for (size_t n = 0; n < 64 && !in.empty(); ++n) {
+        Event e = decode_event(in);
+        trail += "  " + e.text + "\n";
+        unit.apply(e);
+        if (module.check(OracleModule::kAll, &report) != 0) {
+            return trail + report + module.summary() + "\n";
+        }
+    }
+    return "";
 }
 
 // ---- TOPO_DB as text ----------------------------------------------------------------

@@ -170,6 +170,12 @@ std::string chip_state(int devid, int slot, int unit, const char *word, uint32_t
 std::string dev_state(int devid, const char *word);
 std::string mmc_state(uint32_t modid, uint32_t apid, size_t words);
 
+// One input of the event-sequence fuzzer: the first byte picks the baseline,
+// the rest is a sequence of at most 64 events; the oracle runs after the
+// baseline and after every event. Returns "" when every check held, else the
+// events so far and the oracle's report.
+std::string run_event_input(OracleModule &module, const uint8_t *data, size_t size);
+
 // TOPO_DB in a comparable form: one line per record, text of its fields.
 // `member_order` false sorts the members of u_cluster.vsl_ap_member;
 // `empty_as_absent` leaves out member lists without members and filters
