@@ -69,6 +69,7 @@ bool decodes(const ProtobufCMessageDescriptor *d, const std::string &bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    dpm_stress::keep_old_instances(false);  // run with -detect_leaks=0
     module();
     return 0;
 }

@@ -103,24 +103,34 @@ __attribute__((no_sanitize("address", "undefined"))) void raw_copy(unsigned char
 
 // What old instances' globals pointed at, kept so that their caches stay
 // reachable for the leak checker (a dead process's heap is not a leak of the
-// new one). Only the non-zero words are kept: they are all a scan needs.
+// new one).
+bool g_keep_old_instances = true;
+
 std::vector<std::vector<uintptr_t>> &graveyard() {
     static auto *g = new std::vector<std::vector<uintptr_t>>();
     return *g;
 }
 
-__attribute__((no_sanitize("address", "undefined"))) std::vector<uintptr_t> live_words(
-    uintptr_t start, size_t n) {
+// The words of a range that the instance changed since load: only those can
+// point at what it allocated.
+__attribute__((no_sanitize("address", "undefined"))) std::vector<uintptr_t> changed_words(
+    uintptr_t start, const std::vector<unsigned char> &loaded) {
     std::vector<uintptr_t> out;
-    const uintptr_t first = (start + sizeof(uintptr_t) - 1) & ~(sizeof(uintptr_t) - 1);
-    for (uintptr_t a = first; a + sizeof(uintptr_t) <= start + n; a += sizeof(uintptr_t)) {
-        uintptr_t w = *reinterpret_cast<const volatile uintptr_t *>(a);
-        if (w != 0) out.push_back(w);
+    const size_t skip = (sizeof(uintptr_t) - start % sizeof(uintptr_t)) % sizeof(uintptr_t);
+    for (size_t off = skip; off + sizeof(uintptr_t) <= loaded.size(); off += sizeof(uintptr_t)) {
+        uintptr_t now = *reinterpret_cast<const volatile uintptr_t *>(start + off);
+        uintptr_t then;
+        std::memcpy(&then, loaded.data() + off, sizeof then);
+        if (now != then && now != 0) out.push_back(now);
     }
     return out;
 }
 
 }  // namespace
+
+void keep_old_instances(bool keep) {
+    g_keep_old_instances = keep;
+}
 
 const std::string &oracle_module_path() {
     static const std::string p = DPM_ORACLE_MODULE_PATH;
@@ -180,7 +190,7 @@ void OracleModule::snapshot() {
 
 void OracleModule::restore() {
     for (const Range &r : ranges_) {
-        graveyard().push_back(live_words(r.start, r.bytes.size()));
+        if (g_keep_old_instances) graveyard().push_back(changed_words(r.start, r.bytes));
         raw_copy(reinterpret_cast<unsigned char *>(r.start), r.bytes.data(), r.bytes.size());
     }
 }

@@ -71,6 +71,11 @@ class OracleModule {
     InitFn init_ = nullptr;
 };
 
+// Whether a restart keeps what the old instance's globals pointed at
+// reachable, for the leak checker (default). A fuzzer runs without the leak
+// checker and restarts far too often to keep them.
+void keep_old_instances(bool keep);
+
 // Where the test build put the oracle module.
 const std::string &oracle_module_path();
 
