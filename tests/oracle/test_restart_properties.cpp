@@ -163,7 +163,9 @@ TEST(RestartProperties, OracleCleanAfterEveryEvent) {
         ready += module().ready() ? 1 : 0;
     }
     // The runs must reach the state the output checks apply to.
-    if (seeds().size() > 10) EXPECT_GT(ready, seeds().size() / 2);
+    if (seeds().size() > 10) {
+        EXPECT_GT(ready, seeds().size() / 2);
+    }
 }
 
 TEST(RestartProperties, RestartWithUnchangedInputsKeepsTopoDb) {
@@ -192,7 +194,9 @@ TEST(RestartProperties, RestartWithUnchangedInputsKeepsTopoDb) {
                                  << join(before) << "after:\n"
                                  << join(after);
     }
-    if (seeds().size() > 10) EXPECT_GT(with_output, seeds().size() / 2);
+    if (seeds().size() > 10) {
+        EXPECT_GT(with_output, seeds().size() / 2);
+    }
 }
 
 // What must not depend on whether the process restarted on the way: which
@@ -268,7 +272,9 @@ TEST(RestartProperties, RestartAnywhereEndsCleanAndLikeTheUninterruptedRun) {
                         << lines(a) << "restarted:\n"
                         << lines(b);
     }
-    if (seeds().size() > 10) EXPECT_GT(compared, seeds().size() / 3);
+    if (seeds().size() > 10) {
+        EXPECT_GT(compared, seeds().size() / 3);
+    }
 }
 
 }  // namespace
