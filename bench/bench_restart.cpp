@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "stress_unit.h"
+#include "u_cluster.pb-c.h"
 
 namespace {
 
@@ -82,6 +83,17 @@ bool first_run(benchmark::State &state) {
     if (platform::db_records(14, "u_cluster.kel_uc_balance").size() < 2000) {
         state.SkipWithError("the unit did not place its module ids");
         return false;
+    }
+    for (const auto &r : platform::db_records(14, "u_cluster.vsl_ap_member")) {
+        ProtobufCMessage *m = protobuf_c_message_unpack(
+            &u_cluster__vsl_ap_member__descriptor, nullptr, r.packed.size(),
+            reinterpret_cast<const uint8_t *>(r.packed.data()));
+        const size_t n = m != nullptr ? reinterpret_cast<UCluster__VslApMember *>(m)->n_member : 0;
+        if (m != nullptr) protobuf_c_message_free_unpacked(m, nullptr);
+        if (n != kPorts) {
+            state.SkipWithError("an aggregate port does not have all its ports in use");
+            return false;
+        }
     }
     return true;
 }
