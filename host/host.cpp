@@ -579,7 +579,7 @@ std::string Host::help() const {
         "  set ssat-init N                        result of the debug framework's init\n"
         "  set level-file TEXT | set level-file missing\n"
         "  port DEV/SLOT/LPORT chip N|fail [phy N|fail]\n"
-        "  fail OP [db N] [count N|always] [rv N] | fail clear\n"
+        "  fail OP [db N] [count N|always] [rv N] [after N] | fail clear\n"
         "  start                                  load the module (or call its entry again)\n"
         "  restart                                end the instance, load a fresh one\n"
         "  advance DURATION                       e.g. 500ms, 90s, 30m, 1h\n"
