@@ -219,14 +219,7 @@ static int dpm_proc_dtm_info(const dtm_record_view &rec) {
 
 int dpm_dtm_cb(void *client, xn_mom_msg_t *msg) {
     DPM_ERR("enter");
-    if (msg == nullptr) {
-        DPM_ERR("msg is NULL!");
-        return DPM_ERR_EVENT;
-    }
-    if (msg->err != 0) {
-        DPM_ERR("msg error is %d!", static_cast<int>(msg->err));
-        return DPM_ERR_EVENT;
-    }
+    if (int rv = dpm_event_check(__func__, msg); rv != DPM_OK) return rv;
     if (msg->cmd == XN_MOM_CMD_DS) {
         int type = udp_dpm_get_dev_kel_ring_cut_type();
         DPM_INFO("dpm_dtm_cb, kel_cut_type:%d", type);

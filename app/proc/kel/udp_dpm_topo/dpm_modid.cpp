@@ -299,14 +299,7 @@ static const SIntf__EvtModAlloc *dpm_modid_record_usable(const ProtobufCMessage 
 
 int dpm_mod_alloc_cb(void *client, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    if (msg == nullptr) {
-        DPM_ERR("msg is NULL!");
-        return DPM_ERR_EVENT;
-    }
-    if (msg->err != 0) {
-        DPM_ERR("msg error is %d!", static_cast<int>(msg->err));
-        return DPM_ERR_EVENT;
-    }
+    if (int rv = dpm_event_check(__func__, msg); rv != DPM_OK) return rv;
     if (msg->cmd == XN_MOM_CMD_DS) {
         dpm_mod_alloc_ds(client);
         return DPM_OK;

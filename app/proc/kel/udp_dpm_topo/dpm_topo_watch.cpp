@@ -15,22 +15,8 @@
 #include "udp_dpm.h"
 
 // ---------------------------------------------------------------------------
-// Event checks shared by the watchers and their scans
+// Scan ends shared by the three watchers
 // ---------------------------------------------------------------------------
-
-// -4 with its message for an absent or failed event, 0 otherwise; logged under
-// the caller's name.
-static int dpm_watch_event_check(const char *func, const xn_mom_msg_t *msg) {
-    if (msg == nullptr) {
-        DPM_ERR_FN(func, "msg is NULL!");
-        return DPM_ERR_EVENT;
-    }
-    if (msg->err != 0) {
-        DPM_ERR_FN(func, "msg error is %d!", static_cast<int>(msg->err));
-        return DPM_ERR_EVENT;
-    }
-    return DPM_OK;
-}
 
 // End of one read-back scan: mark it and try the LOCAL_DB gate.
 static int dpm_watch_scan_over(uint8_t *flag, int32_t event) {
@@ -85,7 +71,7 @@ static void dpm_proc_uc_balance_info(const UCluster__KelUcBalance *rec) {
 
 static int dpm_uc_balance_scan_cb(void * /*client*/, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    int rv = dpm_watch_event_check(__func__, msg);
+    int rv = dpm_event_check(__func__, msg);
     if (rv != 0) return rv;
     if (msg->scan_over == XN_MOM_SCAN_OVER) {
         return dpm_watch_scan_over(&g_uc_ds_over, DPM_T_UCSCANOVER);
@@ -110,7 +96,7 @@ static void dpm_uc_balance_ds(void *client) {
 
 int dpm_uc_balance_cb(void *client, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    int rv = dpm_watch_event_check(__func__, msg);
+    int rv = dpm_event_check(__func__, msg);
     if (rv != 0) return rv;
     // Changes made by others outside a data sync are not followed.
     if (msg->cmd == XN_MOM_CMD_DS) dpm_uc_balance_ds(client);
@@ -143,7 +129,7 @@ static void dpm_proc_igr_info(const UCluster__VslSrcmodIgr *rec) {
 
 static int dpm_igr_scan_cb(void * /*client*/, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    int rv = dpm_watch_event_check(__func__, msg);
+    int rv = dpm_event_check(__func__, msg);
     if (rv != 0) return rv;
     if (msg->scan_over == XN_MOM_SCAN_OVER) {
         return dpm_watch_scan_over(&g_igr_ds_over, DPM_T_IGRSCANOVER);
@@ -168,7 +154,7 @@ static void dpm_igr_ds(void *client) {
 
 int dpm_igr_cb(void *client, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    int rv = dpm_watch_event_check(__func__, msg);
+    int rv = dpm_event_check(__func__, msg);
     if (rv != 0) return rv;
     if (msg->cmd == XN_MOM_CMD_DS) dpm_igr_ds(client);
     return 0;
@@ -198,7 +184,7 @@ static void dpm_proc_mmc_info(const UCluster__MainmcVlan *rec) {
 
 static int dpm_mmc_scan_cb(void * /*client*/, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    int rv = dpm_watch_event_check(__func__, msg);
+    int rv = dpm_event_check(__func__, msg);
     if (rv != 0) return rv;
     if (msg->scan_over == XN_MOM_SCAN_OVER) {
         return dpm_watch_scan_over(&g_mmc_ds_over, DPM_T_MMCSCANOVER);
@@ -223,7 +209,7 @@ static void dpm_mmc_ds(void *client) {
 
 int dpm_mmc_cb(void *client, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    int rv = dpm_watch_event_check(__func__, msg);
+    int rv = dpm_event_check(__func__, msg);
     if (rv != 0) return rv;
     if (msg->cmd == XN_MOM_CMD_DS) dpm_mmc_ds(client);
     return 0;

@@ -371,14 +371,7 @@ int dpm_proc_lvsl(const PDev__VslLocalLink *record) {
 
 int dpm_local_vsl_cb(void *client, xn_mom_msg_t *msg) {
     DPM_INFO("enter");
-    if (msg == nullptr) {
-        DPM_ERR("msg is NULL!");
-        return DPM_ERR_EVENT;
-    }
-    if (msg->err != 0) {
-        DPM_ERR("msg error is %d!", static_cast<int>(msg->err));
-        return DPM_ERR_EVENT;
-    }
+    if (int rv = dpm_event_check(__func__, msg); rv != DPM_OK) return rv;
     if (msg->cmd == XN_MOM_CMD_DS) {
         dpm_local_vsl_ds(client);
         return DPM_OK;

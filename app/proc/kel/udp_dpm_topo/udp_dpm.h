@@ -428,6 +428,10 @@ extern dpm_modid_info *dpm_modid_index[DPM_MODID_MAX];
 // ============================================================================
 
 int dpm_conn_db(void);
+// The first checks of every database handler: -4 with "msg is NULL!" or
+// "msg error is %d!" (logged under the handler's name) for an event that cannot
+// be used, 0 otherwise.
+int dpm_event_check(const char *func, const xn_mom_msg_t *msg);
 int dpm_asic_db_conn_cb(void *client);
 int dpm_topo_db_conn_cb(void *client);
 int dpm_udp_db_conn_cb(void *client);

@@ -227,6 +227,18 @@ int dpm_conn_db(void) {
     return 0;
 }
 
+int dpm_event_check(const char *func, const xn_mom_msg_t *msg) {
+    if (msg == nullptr) {
+        DPM_ERR_FN(func, "msg is NULL!");
+        return DPM_ERR_EVENT;
+    }
+    if (msg->err != 0) {
+        DPM_ERR_FN(func, "msg error is %d!", static_cast<int>(msg->err));
+        return DPM_ERR_EVENT;
+    }
+    return DPM_OK;
+}
+
 int dpm_conn_local_db_scanover_out(void) {
     if (g_mmc_ds_over == 0 || g_uc_ds_over == 0 || g_igr_ds_over == 0) return 0;
     int rv = xn_mom_client_connect(g_udp_dpm_global, XN_MOM_LOCAL_DB, dpm_local_db_conn_cb);
