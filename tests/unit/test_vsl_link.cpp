@@ -365,6 +365,34 @@ TEST_F(VslLinkTest, DownRecordRemovesAnActivePort) {
     EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 0U);
 }
 
+// A port re-cabled into the other aggregate port must not be used by both:
+// it leaves the old one (active or waiting) before it joins the new one.
+TEST_F(VslLinkTest, UpRecordWithAnotherAggregatePortMovesThePort) {
+    make_ready();
+    card(1);
+    card(2);
+    for (bool was_active : {true, false}) {
+        SCOPED_TRACE(was_active ? "active" : "waiting");
+        if (!was_active) platform::set_chipid(2, 1, 1, std::nullopt);  // far chip unknown
+        Link up1(1, 1, 1);
+        ASSERT_EQ(feed(up1), 0);
+        ASSERT_EQ(active(1, 1) != nullptr, was_active);
+        ASSERT_EQ(waiting(1, 1) != nullptr, !was_active);
+        platform::set_chipid(2, 1, 1, 20);
+        Link up2(1, 1, 2);
+        ASSERT_EQ(feed(up2), 0);
+        EXPECT_EQ(active(1, 1), nullptr);
+        EXPECT_EQ(waiting(1, 1), nullptr);
+        EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt + dpm_vslap_unused_cache.ap[1].vsl_cnt, 0U);
+        EXPECT_NE(active(1, 2), nullptr);
+        EXPECT_TRUE(
+            logged("vsl port moves from apid 1 to apid 2. dev:1, slot:1, sslot:0, lport:1"));
+        Link down(1, 0, 2);
+        ASSERT_EQ(feed(down), 0);
+        clear_log();
+    }
+}
+
 TEST_F(VslLinkTest, StoreOnlyMoveHasNoFollowUp) {
     card(1);
     card(2);

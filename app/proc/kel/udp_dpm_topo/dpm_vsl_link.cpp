@@ -327,6 +327,16 @@ static int dpm_local_vsl_ds(void *client) {
 
 static void dpm_proc_lvsl_up(const dpm_vsl_info *record) {
     udp_dpm_time_record(DPM_T_VSL, 1);
+    // A port re-cabled into the other aggregate port leaves the old one first:
+    // a port may carry traffic for one aggregate port only.
+    int other = DPM_APID_MIN + DPM_APID_MAX - record->apid;
+    dpm_vsl_port port = port_of(record);
+    if (dpm_get_vsl_info(&dpm_vslap_cache, &port, other) != nullptr ||
+        dpm_get_vsl_info(&dpm_vslap_unused_cache, &port, other) != nullptr) {
+        DPM_ERR("vsl port moves from apid %d to apid %d. dev:%d, slot:%d, sslot:%d, lport:%d",
+                other, record->apid, port.devid, port.slot, port.sslot, port.lport);
+        dpm_proc_lvsl_down(&port, other);
+    }
     dpm_vsl_info *waiting = dpm_add_vsl_info(&dpm_vslap_unused_cache, record, record->apid);
     if (waiting == nullptr) {
         DPM_ERR("add vsl info to unused fail");
