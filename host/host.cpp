@@ -10,9 +10,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <cstring>
 #include <map>
 #include <memory>
 
@@ -153,7 +155,7 @@ void flush_module_stdout() {
 
 // ---- set-up ---------------------------------------------------------------------
 
-Host::Host(const Options &opt) {
+Host::Host(const Options &opt) : oracle_(opt.oracle) {
     scratch_.create();
     g_watch = ExitWatch{};
     g_watch.scratch = scratch_.path();
@@ -263,6 +265,21 @@ void Host::run_action(const std::string &verb, Cursor &c) {
     }
     settle();
     flush_module_stdout();
+    check_oracle();
+}
+
+void Host::check_oracle() {
+    if (!oracle_ || !loader_.loaded()) return;
+    if (loader_.oracle() == nullptr) {
+        throw ScriptError("--oracle: the module " + loader_.path() + " has no consistency oracle");
+    }
+    std::string report(8192, '\0');
+    // Bit 0: the caches' own structure; bit 1: TOPO_DB against the caches.
+    int n = loader_.oracle()(3, report.data(), report.size());
+    if (n == 0) return;
+    report.resize(std::strlen(report.c_str()));
+    throw ExpectFailure("the oracle found " + std::to_string(n) +
+                        " difference(s) between TOPO_DB and the module:\n" + report);
 }
 
 void Host::settle() {

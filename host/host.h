@@ -25,6 +25,9 @@ struct Options {
     std::string module_path;
     std::string log_path;  // empty: a file in the scratch directory; "-": standard error
     std::string db_path;   // empty: databases in memory only
+    // After every command, ask the module's built-in consistency oracle (the
+    // test-only build of the module exports one) and fail on a difference.
+    bool oracle = false;
 };
 
 class Host {
@@ -53,6 +56,7 @@ class Host {
     void run_action(const std::string &verb, Cursor &c);
     void expect(Cursor &c);
     void settle();
+    void check_oracle();
     void emit(const std::string &text);
 
     void do_set(Cursor &c);
@@ -67,6 +71,7 @@ class Host {
 
     Scratch scratch_;
     ModuleLoader loader_;
+    bool oracle_ = false;
     int log_fd_ = -1;
     uint32_t devid_ = 1;
     uint32_t node_type_ = 1;

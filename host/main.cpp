@@ -19,7 +19,7 @@ constexpr int kFailed = 1;
 constexpr int kScriptError = 2;
 
 void usage(std::ostream &os) {
-    os << "usage: dpm-host [--db PATH] [--log PATH|-] [--module PATH] SCRIPT...\n"
+    os << "usage: dpm-host [--db PATH] [--log PATH|-] [--module PATH] [--oracle] SCRIPT...\n"
           "       dpm-host [--db PATH] [--log PATH|-] [--module PATH] --shell\n";
 }
 
@@ -101,6 +101,8 @@ int main(int argc, char **argv) {
             opt.log_path = value("--log");
         } else if (a == "--module" || a.rfind("--module=", 0) == 0) {
             opt.module_path = value("--module");
+        } else if (a == "--oracle") {
+            opt.oracle = true;
         } else if (a == "--help" || a == "-h") {
             usage(std::cout);
             return 0;

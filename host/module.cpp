@@ -50,6 +50,7 @@ void ModuleLoader::load_fresh(const std::string &dir) {
         throw ScriptError("the module " + path_ + " has no ce_dpm_dlib_init");
     }
     entry_ = fn;
+    oracle_ = reinterpret_cast<OracleFn>(dlsym(h, "dpm_oracle_check"));
 }
 
 }  // namespace host

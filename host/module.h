@@ -33,11 +33,17 @@ class ModuleLoader {
     void load_fresh(const std::string &dir);
     bool loaded() const { return entry_ != nullptr; }
     int call_entry(ce_dpm_dlib_arg *arg) const { return entry_(arg); }
+    // The consistency oracle of a test build of the module (null otherwise):
+    // the number of differences between TOPO_DB and the caches, one report
+    // line each in `out`.
+    using OracleFn = int (*)(int flags, char *out, size_t len);
+    OracleFn oracle() const { return oracle_; }
 
   private:
     std::string path_;
     int copies_ = 0;
     ce_dpm_dlib_init_fn entry_ = nullptr;
+    OracleFn oracle_ = nullptr;
 };
 
 }  // namespace host
