@@ -149,6 +149,29 @@ TEST_F(Mmc, WaitingRemovalEndsWithTheConfirmationDeletion) {
     EXPECT_EQ(dpm_mmc[1].vsl, nullptr);
 }
 
+// A choice made while the removal of the previous one is still awaited (the
+// data-sync end drops an unbound choice and chooses again) is a published
+// choice like any other: its record is written and it awaits its own
+// confirmation, not the deletion of the one it replaces. A late deletion
+// confirmation must not take the new choice down.
+TEST_F(Mmc, NewChoiceSupersedesAnAwaitedRemoval) {
+    dpm_vsl_info *a = add_vsl(1, 3, 12, 22);
+    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
+    store_back(12, 1);
+    take_down(a);
+    ASSERT_EQ(dpm_mmc[1].wait_del, 1);
+    add_vsl(1, 4, 12, 23);
+    dpm_mmc[1].valid = 0;  // what the data-sync end does with an unbound choice
+    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
+    EXPECT_EQ(dpm_mmc[1].valid, 1);
+    EXPECT_EQ(dpm_mmc[1].wait_add, 1);
+    EXPECT_EQ(dpm_mmc[1].wait_del, 0);
+    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 12, 1), 0);
+    EXPECT_TRUE(logged("mmc_back[apid:1] is not waiting for harware config"));
+    EXPECT_EQ(dpm_mmc[1].valid, 1);
+    EXPECT_EQ(dpm_mmc[1].lport, 4u);
+}
+
 TEST_F(Mmc, NonChosenPortDownOnlyLogs) {
     add_vsl(1, 3, 12, 22);
     dpm_vsl_info *b = add_vsl(1, 4, 14, 24);

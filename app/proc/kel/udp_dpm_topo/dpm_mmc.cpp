@@ -85,6 +85,10 @@ int dpm_cal_mmc_by_apid(int apid) {
     mmc.slotid = vsl->slot;
     mmc.sslotid = vsl->sslot;
     mmc.wait_add = 1;
+    // A new choice is published and awaits its own confirmation only: a
+    // removal still awaited for the choice it replaces is over (its record is
+    // gone), and its late confirmation must not take this one down.
+    mmc.wait_del = 0;
     mmc.vsl = vsl;
     dpm_set_mmc_to_db(apid);
     return DPM_OK;
