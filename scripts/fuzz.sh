@@ -13,6 +13,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 secs=${1:-30}
+# A fixed seed keeps a CI run reproducible; FUZZ_SEED=0 lets libFuzzer pick.
+seed=${FUZZ_SEED:-1}
 build=build/fuzz
 jobs=${FUZZ_JOBS:-2}
 
@@ -35,7 +37,7 @@ for f in events records; do
   mkdir -p "$corpus"
   echo "== fuzz_$f: ${secs}s"
   if ! "$build/tests/fuzz/fuzz_$f" "$corpus" "tests/fuzz/corpus/$f" \
-      -max_total_time="$secs" -detect_leaks=0 -max_len=4096 -timeout=20 \
+      -max_total_time="$secs" -seed="$seed" -detect_leaks=0 -max_len=4096 -timeout=20 \
       -artifact_prefix="$build/artifacts/$f-" -print_final_stats=1 2>"$build/fuzz_$f.log"; then
     status=1
     echo "fuzz_$f FAILED; see $build/fuzz_$f.log and $build/artifacts/"
