@@ -148,6 +148,18 @@ int dpm_get_phyid_by_vsl_port(int devid, int slot, int lport, uint32_t *gphyid) 
     return rv;
 }
 
+// Chip ids of both ends of a port, as the library knows them now; a failure
+// is reported under the caller's name.
+static int dpm_lookup_both_chipids(const char *func, const dpm_vsl_info *entry, uint32_t *chipid,
+                                   uint32_t *peer_chip) {
+    int rv = dpm_get_chipid_by_vsl_port(entry->devid, entry->slot, entry->lport, chipid);
+    if (rv == 0)
+        rv = dpm_get_chipid_by_vsl_port(entry->peer_dev, entry->peer_slot, entry->peer_lport,
+                                        peer_chip);
+    if (rv != 0) DPM_ERR_FN(func, "get chipid by dev/slot/lport fail");
+    return rv;
+}
+
 int dpm_get_phyid_chipid_by_vsl(dpm_vsl_info *entry) {
     uint32_t gphyid = 0;
     if (dpm_get_phyid_by_vsl_port(entry->devid, entry->slot, entry->lport, &gphyid) != 0) {
@@ -159,14 +171,8 @@ int dpm_get_phyid_chipid_by_vsl(dpm_vsl_info *entry) {
 
     uint32_t chipid = 0;
     uint32_t peer_chip = 0;
-    int rv = dpm_get_chipid_by_vsl_port(entry->devid, entry->slot, entry->lport, &chipid);
-    if (rv == 0)
-        rv = dpm_get_chipid_by_vsl_port(entry->peer_dev, entry->peer_slot, entry->peer_lport,
-                                        &peer_chip);
-    if (rv != 0) {
-        DPM_ERR("get chipid by dev/slot/lport fail");
-        return rv;
-    }
+    int rv = dpm_lookup_both_chipids(__func__, entry, &chipid, &peer_chip);
+    if (rv != 0) return rv;
     DPM_INFO("vsl: chipid:%d, peer_chipid:%d, gphyid:%d", static_cast<int>(chipid),
              static_cast<int>(peer_chip), static_cast<int>(gphyid));
     entry->chipid = chipid;
@@ -430,14 +436,8 @@ static void dpm_save_mod_event(uint32_t gslot) {
 int dpm_check_vsl_chipid(const dpm_vsl_info *entry) {
     uint32_t chipid = 0;
     uint32_t peer_chip = 0;
-    int rv = dpm_get_chipid_by_vsl_port(entry->devid, entry->slot, entry->lport, &chipid);
-    if (rv == 0)
-        rv = dpm_get_chipid_by_vsl_port(entry->peer_dev, entry->peer_slot, entry->peer_lport,
-                                        &peer_chip);
-    if (rv != 0) {
-        DPM_ERR("get chipid by dev/slot/lport fail");
-        return rv;
-    }
+    int rv = dpm_lookup_both_chipids(__func__, entry, &chipid, &peer_chip);
+    if (rv != 0) return rv;
     if (chipid != entry->chipid || peer_chip != entry->peer_chip) return DPM_ERR_FAIL;
     DPM_INFO("the chipid  of lvsl is right");
     return DPM_OK;
