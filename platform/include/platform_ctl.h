@@ -141,6 +141,7 @@ struct Command {
     std::string desc;
     int nargs;  // number of %d conversions in desc
 };
+// In registration order.
 std::vector<Command> commands();
 // Call a registered command with its ints (missing ones are 0). Its standard
 // output is returned in *out. Returns false when no such command.

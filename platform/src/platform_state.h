@@ -133,6 +133,7 @@ struct DdmReg {
 struct CommandEntry {
     platform::Command cmd;
     ssat_cmd_fn handler;
+    uint64_t seq;  // registration order, for listing the table as registered
 };
 
 using Port = std::tuple<int, int, int>;

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -100,7 +101,11 @@ int ssat_reg_mod_cmd(const char *module, const char *cmd, int flags, const char 
     if (cmd == nullptr || handler == nullptr) return -1;
     platform::Command c{module != nullptr ? module : "", cmd, desc != nullptr ? desc : "",
                         count_int_args(desc)};
-    plat::st().commands[cmd] = plat::CommandEntry{std::move(c), handler};
+    static uint64_t seq = 0;
+    auto &slot = plat::st().commands[cmd];
+    // A name registered again keeps its place in the table.
+    uint64_t order = slot.handler != nullptr ? slot.seq : ++seq;
+    slot = plat::CommandEntry{std::move(c), handler, order};
     return 0;
 }
 
@@ -109,8 +114,12 @@ int ssat_reg_mod_cmd(const char *module, const char *cmd, int flags, const char 
 namespace platform {
 
 std::vector<Command> commands() {
+    std::vector<const plat::CommandEntry *> entries;
+    for (const auto &[name, entry] : plat::st().commands) entries.push_back(&entry);
+    std::sort(entries.begin(), entries.end(),
+              [](const auto *a, const auto *b) { return a->seq < b->seq; });
     std::vector<Command> out;
-    for (const auto &[name, entry] : plat::st().commands) out.push_back(entry.cmd);
+    for (const auto *e : entries) out.push_back(e->cmd);
     return out;
 }
 
