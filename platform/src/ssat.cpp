@@ -115,10 +115,12 @@ namespace platform {
 
 std::vector<Command> commands() {
     std::vector<const plat::CommandEntry *> entries;
+    entries.reserve(plat::st().commands.size());
     for (const auto &[name, entry] : plat::st().commands) entries.push_back(&entry);
     std::sort(entries.begin(), entries.end(),
               [](const auto *a, const auto *b) { return a->seq < b->seq; });
     std::vector<Command> out;
+    out.reserve(entries.size());
     for (const auto *e : entries) out.push_back(e->cmd);
     return out;
 }
