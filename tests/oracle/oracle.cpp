@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform_ctl.h"
+#include "test_support.h"
 #include "udp_dpm.h"
 
 namespace {
@@ -289,19 +290,7 @@ void check_structure(Report &r) {
 
 // ---- TOPO_DB against the applied caches ------------------------------------------------
 
-template <class T>
-struct Unpacked {
-    T *msg = nullptr;
-    Unpacked(const ProtobufCMessageDescriptor *d, const std::string &packed) {
-        msg = reinterpret_cast<T *>(protobuf_c_message_unpack(
-            d, nullptr, packed.size(), reinterpret_cast<const uint8_t *>(packed.data())));
-    }
-    ~Unpacked() {
-        if (msg != nullptr) protobuf_c_message_free_unpacked(&msg->base, nullptr);
-    }
-    Unpacked(const Unpacked &) = delete;
-    Unpacked &operator=(const Unpacked &) = delete;
-};
+using dpm_test::Unpacked;
 
 constexpr int kTopo = 14;
 

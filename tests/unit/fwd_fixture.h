@@ -12,6 +12,7 @@
 
 #include "dpm_intake.h"
 #include "platform_ctl.h"
+#include "test_support.h"
 #include "udp_dpm.h"
 #include "xn_zlog.h"
 
@@ -172,20 +173,7 @@ class FwdTest : public ::testing::Test {
     std::vector<std::string> log_;
 };
 
-// An unpacked record of a write, freed with the holder.
-template <class T>
-struct Unpacked {
-    T *msg = nullptr;
-    Unpacked(const ProtobufCMessageDescriptor *d, const std::string &packed) {
-        msg = reinterpret_cast<T *>(protobuf_c_message_unpack(
-            d, nullptr, packed.size(), reinterpret_cast<const uint8_t *>(packed.data())));
-    }
-    ~Unpacked() {
-        if (msg != nullptr) protobuf_c_message_free_unpacked(&msg->base, nullptr);
-    }
-    Unpacked(const Unpacked &) = delete;
-    T *operator->() const { return msg; }
-};
+using dpm_test::Unpacked;
 
 inline const std::string kUc = "u_cluster.kel_uc_balance";
 inline const std::string kIgr = "u_cluster.vsl_srcmod_igr";

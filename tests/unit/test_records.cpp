@@ -57,15 +57,13 @@ TEST(Records, RepeatedScalarsArePackedOnTheWireAndUnpackedInputIsAccepted) {
     const Case cases[] = {{"packed", wire}, {"unpacked", unpacked}, {"mixed", mixed}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        auto *got = reinterpret_cast<UCluster__VslSrcmodIgr *>(protobuf_c_message_unpack(
-            &u_cluster__vsl_srcmod_igr__descriptor, nullptr, c.bytes.size(),
-            reinterpret_cast<const uint8_t *>(c.bytes.data())));
-        ASSERT_NE(got, nullptr);
+        dpm_test::Unpacked<UCluster__VslSrcmodIgr> got(&u_cluster__vsl_srcmod_igr__descriptor,
+                                                       c.bytes);
+        ASSERT_NE(got.msg, nullptr);
         ASSERT_NE(got->index, nullptr);
         EXPECT_EQ(got->index->apid, 2u);
         ASSERT_EQ(got->n_permit_modid, 3u);
         for (size_t i = 0; i < 3; ++i) EXPECT_EQ(got->permit_modid[i], words[i]) << i;
-        protobuf_c_message_free_unpacked(&got->base, nullptr);
 
         // The host's C++ code reads the same record.
         u_cluster::vsl_srcmod_igr cpp;
@@ -84,14 +82,11 @@ TEST(Records, NegativeRepeatedIdsRoundTrip) {
     mfib.oif_id = oif;
     std::string wire = dpm_test::pack(&mfib.base);
     EXPECT_EQ(wire.substr(0, 1), key(4, 2));
-    auto *got = reinterpret_cast<PDev__DtmMfibInfo *>(
-        protobuf_c_message_unpack(&p_dev__dtm_mfib_info__descriptor, nullptr, wire.size(),
-                                  reinterpret_cast<const uint8_t *>(wire.data())));
-    ASSERT_NE(got, nullptr);
+    dpm_test::Unpacked<PDev__DtmMfibInfo> got(&p_dev__dtm_mfib_info__descriptor, wire);
+    ASSERT_NE(got.msg, nullptr);
     ASSERT_EQ(got->n_oif_id, 2u);
     EXPECT_EQ(got->oif_id[0], -1);
     EXPECT_EQ(got->oif_id[1], 2);
-    protobuf_c_message_free_unpacked(&got->base, nullptr);
 }
 
 // The shared object is loaded by a host that knows one name; everything else

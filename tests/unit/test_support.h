@@ -14,6 +14,23 @@ namespace dpm_test {
 // The wire form of a protobuf-c message.
 std::string pack(const ProtobufCMessage *msg);
 
+// A record unpacked from its wire form, freed with the holder; msg is null
+// when the bytes do not decode.
+template <class T>
+struct Unpacked {
+    T *msg = nullptr;
+    Unpacked(const ProtobufCMessageDescriptor *d, const std::string &packed) {
+        msg = reinterpret_cast<T *>(protobuf_c_message_unpack(
+            d, nullptr, packed.size(), reinterpret_cast<const uint8_t *>(packed.data())));
+    }
+    ~Unpacked() {
+        if (msg != nullptr) protobuf_c_message_free_unpacked(&msg->base, nullptr);
+    }
+    Unpacked(const Unpacked &) = delete;
+    Unpacked &operator=(const Unpacked &) = delete;
+    T *operator->() const { return msg; }
+};
+
 // A database event as the client delivers it.
 struct Event {
     xn_mom_msg_t msg{};
