@@ -20,6 +20,7 @@
 
 #include <google/protobuf/util/message_differencer.h>
 
+#include "picture.h"
 #include "records.h"
 
 namespace host {
@@ -155,7 +156,7 @@ void flush_module_stdout() {
 
 // ---- set-up ---------------------------------------------------------------------
 
-Host::Host(const Options &opt) : oracle_(opt.oracle) {
+Host::Host(const Options &opt) : oracle_(opt.oracle), pictures_dir_(opt.pictures_dir) {
     scratch_.create();
     g_watch = ExitWatch{};
     g_watch.scratch = scratch_.path();
@@ -236,7 +237,7 @@ void Host::run_action(const std::string &verb, Cursor &c) {
     static const std::map<std::string, Handler> handlers = {
         {"set", &Host::do_set}, {"port", &Host::do_port},   {"fail", &Host::do_fail},
         {"db", &Host::do_db},   {"agent", &Host::do_agent}, {"card", &Host::do_card},
-        {"cmd", &Host::do_cmd}, {"show", &Host::do_show},
+        {"cmd", &Host::do_cmd}, {"show", &Host::do_show},   {"picture", &Host::do_picture},
     };
     last_output_.clear();
     last_log_.clear();
@@ -492,6 +493,17 @@ void Host::do_show(Cursor &c) {
     emit(text);
 }
 
+// The unit as this member's databases say, drawn to a file (picture.h).
+void Host::do_picture(Cursor &c) {
+    std::filesystem::path path = c.word("picture file (.svg, .png or .dot)");
+    std::string title = c.rest();
+    if (path.is_relative() && !pictures_dir_.empty()) path = pictures_dir_ / path;
+    std::error_code ec;
+    if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
+    write_picture(unit_dot({local_member_view(devid_)}, title), path.string());
+    emit("picture: " + std::filesystem::absolute(path).lexically_normal().string() + "\n");
+}
+
 // ---- expectations ---------------------------------------------------------------
 
 void Host::expect(Cursor &c) {
@@ -575,9 +587,9 @@ void Host::expect(Cursor &c) {
 // ---- help -----------------------------------------------------------------------
 
 const std::vector<std::string> &Host::command_words() {
-    static const std::vector<std::string> words = {"set",     "port",   "fail",  "start", "restart",
-                                                   "advance", "db",     "agent", "card",  "cmd",
-                                                   "show",    "expect", "print", "help"};
+    static const std::vector<std::string> words = {
+        "set",  "port", "fail", "start",   "restart", "advance", "db",  "agent",
+        "card", "cmd",  "show", "picture", "expect",  "print",   "help"};
     return words;
 }
 
@@ -606,6 +618,8 @@ std::string Host::help() const {
         "  card add|del DEV/SLOT/SSLOT | card online DEV/SLOT/SSLOT yes|no\n"
         "  cmd NAME [INT...]                      a debug command of the module\n"
         "  show DB [TYPE]\n"
+        "  picture FILE [TITLE]                   draw the unit as the databases say (.svg, .png:\n"
+        "                                         Graphviz; .dot: the text) into --pictures DIR\n"
         "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"
         "  expect log|no-log [FUNC] TEXT           a line of the previous command's log\n"
         "  expect output|no-output TEXT | expect exit N\n"
