@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -41,12 +42,16 @@ constexpr int kTopoDb = 14;
 // Positions keep the records' values as they are (some fields are signed).
 struct Card {
     int64_t dev, slot, sslot;
-    auto operator<=>(const Card &) const = default;
+    auto key() const { return std::tie(dev, slot, sslot); }
+    bool operator<(const Card &o) const { return key() < o.key(); }
+    bool operator==(const Card &o) const { return key() == o.key(); }
 };
 struct Port {
     Card card;
     int64_t lport;
-    auto operator<=>(const Port &) const = default;
+    bool operator<(const Port &o) const {
+        return std::tie(card, lport) < std::tie(o.card, o.lport);
+    }
 };
 
 struct Chip {
@@ -101,7 +106,7 @@ Port port_of(const u_cluster::vslport &p) {
 
 int bit_count(const google::protobuf::RepeatedField<uint32_t> &words) {
     int n = 0;
-    for (uint32_t w : words) n += __builtin_popcount(w);
+    for (uint32_t w : words) n += std::popcount(w);
     return n;
 }
 
@@ -285,7 +290,7 @@ const char *const kMainMc = "#2166ac";
 
 class Drawing {
   public:
-    Drawing(const Unit &u, const std::string &title) : u_(u), title_(title) { index(); }
+    Drawing(Unit u, std::string title) : u_(std::move(u)), title_(std::move(title)) { index(); }
     std::string dot();
 
   private:
@@ -314,7 +319,7 @@ class Drawing {
     void port_node(const Port &p, const OwnPort &o);
     void edges();
 
-    const Unit &u_;
+    const Unit u_;
     std::string title_;
     std::ostringstream out_;
     std::map<int64_t, Card> modid_card_;
