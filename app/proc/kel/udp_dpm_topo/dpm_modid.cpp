@@ -146,9 +146,9 @@ static dpm_modid_info *dpm_add_modid_info(const SIntf__EvtModAlloc *record) {
     entry->idnum_per_unit = record->idnum_per_unit;
 
     dpm_dev_head *dev = dpm_find_dev_head(static_cast<uint32_t>(idx->devid));
+    // A failed creation has logged "can;t alloc!" itself.
     if (dev == nullptr) dev = dpm_alloc_dev_head(static_cast<uint32_t>(idx->devid));
     if (dev == nullptr) {
-        DPM_ERR("can;t alloc!");
         free(entry);
         return nullptr;
     }
@@ -278,20 +278,21 @@ int dpm_mod_alloc_ds(void *client) {
 }
 
 // A record the bitmaps cannot hold (or without its key) is dropped before it
-// touches any cache.
+// touches any cache; the drop is reported by the callback that received it.
 static const SIntf__EvtModAlloc *dpm_modid_record_usable(const ProtobufCMessage *msg) {
+    static constexpr const char *fn = "dpm_mod_alloc_cb";
     if (msg == nullptr || msg->descriptor != &s_intf__evt_mod_alloc__descriptor) {
-        DPM_ERR("mod alloc record invalid, dropped");
+        DPM_ERR_FN(fn, "mod alloc record invalid, dropped");
         return nullptr;
     }
     const auto *rec = reinterpret_cast<const SIntf__EvtModAlloc *>(msg);
     if (rec->index == nullptr) {
-        DPM_ERR("mod alloc record without index, modid:%d, dropped", rec->modid);
+        DPM_ERR_FN(fn, "mod alloc record without index, modid:%d, dropped", rec->modid);
         return nullptr;
     }
     if (!dpm_devid_valid(rec->index->devid) || !dpm_modid_valid(rec->modid)) {
-        DPM_ERR("mod alloc out of range, devid:%d, modid:%d, dropped", rec->index->devid,
-                rec->modid);
+        DPM_ERR_FN(fn, "mod alloc out of range, devid:%d, modid:%d, dropped", rec->index->devid,
+                   rec->modid);
         return nullptr;
     }
     return rec;
