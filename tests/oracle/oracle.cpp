@@ -404,6 +404,22 @@ void check_ap_member(Report &r) {
     }
 }
 
+// (apid, module id) keys of the stored records of a main multicast type.
+template <class Rec>
+std::set<std::pair<uint32_t, uint32_t>> mmc_keys(Report &r, const char *type,
+                                                 const ProtobufCMessageDescriptor *d) {
+    std::set<std::pair<uint32_t, uint32_t>> keys;
+    for (const auto &rec : platform::db_records(kTopo, type)) {
+        Unpacked<Rec> u(d, rec.packed);
+        if (u.msg == nullptr) {
+            r.add("%s: a stored record does not decode", type);
+            continue;
+        }
+        if (u.msg->index != nullptr) keys.emplace(u.msg->index->apid, u.msg->index->t_cfg_modid);
+    }
+    return keys;
+}
+
 void check_mmc(Report &r) {
     std::map<uint32_t, std::vector<std::pair<uint32_t, bool>>>
         recorded;  // apid -> (modid, all vlans)
@@ -422,9 +438,16 @@ void check_mmc(Report &r) {
     for (const auto &[apid, list] : recorded) {
         if (!dpm_apid_valid(apid)) r.add("mainmc_vlan: %zu records for apid %u", list.size(), apid);
     }
+    const auto requests = mmc_keys<UCluster__MainmcVlan>(r, "u_cluster.mainmc_vlan",
+                                                         &u_cluster__mainmc_vlan__descriptor);
+    const auto answers = mmc_keys<UCluster__MainmcVlanSt>(r, "u_cluster.mainmc_vlan_st",
+                                                          &u_cluster__mainmc_vlan_st__descriptor);
     for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
         const dpm_mmc_info &mmc = dpm_mmc[apid];
-        const bool want = mmc.valid && !mmc.wait_del;
+        // A choice bound to a port is published, also one made while the
+        // deletion of the previous one is still awaited; an unbound choice
+        // that awaits its deletion has none.
+        const bool want = mmc.valid && (mmc.vsl != nullptr || !mmc.wait_del);
         const auto &list = recorded[static_cast<uint32_t>(apid)];
         for (const auto &[modid, full] : list) {
             if (!want || modid != mmc.modid) {
@@ -437,6 +460,16 @@ void check_mmc(Report &r) {
         }
         if (want && list.empty()) {
             r.add("mainmc_vlan apid %d: choice modid %u has no record", apid, mmc.modid);
+        }
+        // A confirmation the module holds is in TOPO_DB, unless the answer to
+        // the current choice is still awaited (it replaces the confirmation)
+        // or the request it answers still stands (the hardware side withdrew
+        // its answer of its own accord).
+        const dpm_mmc_info &back = dpm_mmc_back[apid];
+        const std::pair<uint32_t, uint32_t> key{apid, back.modid};
+        const bool awaited = mmc.valid && mmc.wait_add;
+        if (back.valid && answers.count(key) == 0 && requests.count(key) == 0 && !awaited) {
+            r.add("mainmc_vlan_st apid %d: confirmed modid %u has no record", apid, back.modid);
         }
     }
 }

@@ -85,10 +85,6 @@ int dpm_cal_mmc_by_apid(int apid) {
     mmc.slotid = vsl->slot;
     mmc.sslotid = vsl->sslot;
     mmc.wait_add = 1;
-    // A new choice is published and awaits its own confirmation only: a
-    // removal still awaited for the choice it replaces is over (its record is
-    // gone), and its late confirmation must not take this one down.
-    mmc.wait_del = 0;
     mmc.vsl = vsl;
     dpm_set_mmc_to_db(apid);
     return DPM_OK;
@@ -131,6 +127,11 @@ int dpm_del_mmc_back_in_db(int apid) {
         DPM_ERR("del mmc_back fail. apid:%d, modid:%d. rv:%d", apid, dpm_mmc[apid].modid, rv);
     } else {
         udp_dpm_time_record(DPM_T_MMCB_ME_DEL, apid);
+        // The hardware side will not announce a deletion made for it: a
+        // confirmation held for this record goes with the record, or it would
+        // claim a hardware state that is gone.
+        dpm_mmc_info &back = dpm_mmc_back[apid];
+        if (back.valid && back.modid == dpm_mmc[apid].modid) back = dpm_mmc_info{};
     }
     return rv;
 }
@@ -253,8 +254,9 @@ int dpm_mmc_back_cb(void *client, xn_mom_msg_t *msg) {
         DPM_ERR("mmc_back record is NULL!");
         return DPM_OK;
     }
+    // The tables have a slot for apid 0 too; only larger apids cannot be held.
     uint32_t apid = rec->index->apid;
-    if (!dpm_apid_valid(apid)) {
+    if (apid >= static_cast<uint32_t>(DPM_APID_SLOTS)) {
         DPM_ERR("mmc_back apid %u is out of range, ignored", apid);
         return DPM_OK;
     }
