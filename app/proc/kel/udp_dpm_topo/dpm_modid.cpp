@@ -154,7 +154,9 @@ static dpm_modid_info *dpm_add_modid_info(const SIntf__EvtModAlloc *record) {
     }
 
     // Only now, with the new entry certain, does the old one go: a refused add
-    // leaves the cache as it was.
+    // leaves the cache as it was. A move is a delete followed by an add, so
+    // that counts, filters, port placement and (as master) an emptied
+    // device's state records stay true.
     if (old != nullptr) {
         dpm_release_moved_modid(old);
         if (old_dev != nullptr) {
@@ -241,8 +243,9 @@ int dpm_proc_modid_del(const SIntf__EvtModAlloc *record) {
     udp_dpm_time_record(DPM_T_MODID_DEL, static_cast<int32_t>(entry->modid));
     if (!dpm_is_ds_ready()) {
         DPM_ERR("ds not end!");
-        // No balance ran, but a port may still hold the entry from an earlier
-        // placement: it must not point at freed memory.
+        // No balance runs, but a port may still carry the id from an earlier
+        // placement: it leaves that port, so the port's load never goes stale
+        // and never names freed memory.
         if (entry->uc_vsl != nullptr) {
             if (static_cast<uint32_t>(entry->type) != DPM_NODE_MB && entry->uc_vsl->modid_cnt > 0)
                 entry->uc_vsl->modid_cnt--;
