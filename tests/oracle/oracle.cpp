@@ -404,22 +404,6 @@ void check_ap_member(Report &r) {
     }
 }
 
-// (apid, module id) keys of the stored records of a main multicast type.
-template <class Rec>
-std::set<std::pair<uint32_t, uint32_t>> mmc_keys(Report &r, const char *type,
-                                                 const ProtobufCMessageDescriptor *d) {
-    std::set<std::pair<uint32_t, uint32_t>> keys;
-    for (const auto &rec : platform::db_records(kTopo, type)) {
-        Unpacked<Rec> u(d, rec.packed);
-        if (u.msg == nullptr) {
-            r.add("%s: a stored record does not decode", type);
-            continue;
-        }
-        if (u.msg->index != nullptr) keys.emplace(u.msg->index->apid, u.msg->index->t_cfg_modid);
-    }
-    return keys;
-}
-
 void check_mmc(Report &r) {
     std::map<uint32_t, std::vector<std::pair<uint32_t, bool>>>
         recorded;  // apid -> (modid, all vlans)
@@ -438,10 +422,12 @@ void check_mmc(Report &r) {
     for (const auto &[apid, list] : recorded) {
         if (!dpm_apid_valid(apid)) r.add("mainmc_vlan: %zu records for apid %u", list.size(), apid);
     }
-    const auto requests = mmc_keys<UCluster__MainmcVlan>(r, "u_cluster.mainmc_vlan",
-                                                         &u_cluster__mainmc_vlan__descriptor);
-    const auto answers = mmc_keys<UCluster__MainmcVlanSt>(r, "u_cluster.mainmc_vlan_st",
-                                                          &u_cluster__mainmc_vlan_st__descriptor);
+    std::set<std::pair<uint32_t, uint32_t>> answers;  // (apid, modid) of mainmc_vlan_st
+    for (const auto &rec : platform::db_records(kTopo, "u_cluster.mainmc_vlan_st")) {
+        Unpacked<UCluster__MainmcVlanSt> u(&u_cluster__mainmc_vlan_st__descriptor, rec.packed);
+        if (u.msg != nullptr && u.msg->index != nullptr)
+            answers.emplace(u.msg->index->apid, u.msg->index->t_cfg_modid);
+    }
     for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
         const dpm_mmc_info &mmc = dpm_mmc[apid];
         // A choice bound to a port is published, also one made while the
@@ -461,14 +447,9 @@ void check_mmc(Report &r) {
         if (want && list.empty()) {
             r.add("mainmc_vlan apid %d: choice modid %u has no record", apid, mmc.modid);
         }
-        // A confirmation the module holds is in TOPO_DB, unless the answer to
-        // the current choice is still awaited (it replaces the confirmation)
-        // or the request it answers still stands (the hardware side withdrew
-        // its answer of its own accord).
+        // A confirmation the module holds is in TOPO_DB.
         const dpm_mmc_info &back = dpm_mmc_back[apid];
-        const std::pair<uint32_t, uint32_t> key{apid, back.modid};
-        const bool awaited = mmc.valid && mmc.wait_add;
-        if (back.valid && answers.count(key) == 0 && requests.count(key) == 0 && !awaited) {
+        if (back.valid && answers.count({static_cast<uint32_t>(apid), back.modid}) == 0) {
             r.add("mainmc_vlan_st apid %d: confirmed modid %u has no record", apid, back.modid);
         }
     }

@@ -198,6 +198,10 @@ TEST_F(Mmc, Confirmations) {
     EXPECT_EQ(dpm_mmc_back[2].modid, 9u);
     EXPECT_EQ(deliver(XN_MOM_CMD_SET, 9, 2), 0);
     EXPECT_TRUE(logged("mmc_back[apid:2] is not waiting for harware config"));
+    // Its record deleted unasked: the choice stays, the confirmation goes.
+    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 9, 2), 0);
+    EXPECT_EQ(dpm_mmc[2].valid, 1);
+    EXPECT_EQ(dpm_mmc_back[2].valid, 0);
     // Apid 0 has a slot and takes the common path; larger apids and broken
     // events never reach the tables.
     EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 0, 0), 0);

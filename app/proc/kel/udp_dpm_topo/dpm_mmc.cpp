@@ -127,11 +127,6 @@ int dpm_del_mmc_back_in_db(int apid) {
         DPM_ERR("del mmc_back fail. apid:%d, modid:%d. rv:%d", apid, dpm_mmc[apid].modid, rv);
     } else {
         udp_dpm_time_record(DPM_T_MMCB_ME_DEL, apid);
-        // The hardware side will not announce a deletion made for it: a
-        // confirmation held for this record goes with the record, or it would
-        // claim a hardware state that is gone.
-        dpm_mmc_info &back = dpm_mmc_back[apid];
-        if (back.valid && back.modid == dpm_mmc[apid].modid) back = dpm_mmc_info{};
     }
     return rv;
 }
@@ -232,6 +227,10 @@ void dpm_proc_mmc_back_del(int apid, uint32_t modid) {
     } else {
         DPM_INFO("mmc_back[apid:%d] is not waiting for harware config", apid);
     }
+    // Awaited or not, the hardware no longer holds what a deleted record
+    // confirmed: a confirmation kept for it would claim a state that is gone.
+    dpm_mmc_info &back = dpm_mmc_back[apid];
+    if (back.valid && back.modid == modid) back = dpm_mmc_info{};
 }
 
 }  // namespace
