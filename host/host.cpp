@@ -48,7 +48,49 @@ struct ExitWatch {
 };
 ExitWatch g_watch;
 
+// Everything printed while an action runs, by the module from any callback
+// (timers included) and by the host's own reports, is that action's output:
+// standard output goes to a scratch file for the length of the action and is
+// read back afterwards, kept for the expectations and passed on.
+struct StdoutCapture {
+    FILE *file = nullptr;
+    int saved = -1;
+};
+StdoutCapture g_capture;
+
+bool capture_begin() {
+    fflush(stdout);
+    g_capture.file = tmpfile();
+    g_capture.saved = g_capture.file != nullptr ? dup(STDOUT_FILENO) : -1;
+    if (g_capture.saved < 0 || dup2(fileno(g_capture.file), STDOUT_FILENO) < 0) {
+        if (g_capture.saved >= 0) close(g_capture.saved);
+        if (g_capture.file != nullptr) fclose(g_capture.file);
+        g_capture = StdoutCapture{};
+        return false;
+    }
+    return true;
+}
+
+// Standard output back where it was; returns what the action printed.
+std::string capture_end() {
+    if (g_capture.file == nullptr) return {};
+    fflush(stdout);
+    dup2(g_capture.saved, STDOUT_FILENO);
+    close(g_capture.saved);
+    std::string out;
+    rewind(g_capture.file);
+    char buf[4096];
+    size_t n = 0;
+    while ((n = fread(buf, 1, sizeof buf, g_capture.file)) > 0) out.append(buf, n);
+    fclose(g_capture.file);
+    g_capture = StdoutCapture{};
+    return out;
+}
+
 void on_process_exit(int status, void *) {
+    // The process may end inside an action: what it printed so far is shown.
+    const std::string printed = capture_end();
+    fwrite(printed.data(), 1, printed.size(), stdout);
     if (!g_watch.finished && !g_watch.running.empty()) {
         printf("exit: %d\n", status);
         fflush(stdout);
@@ -251,21 +293,33 @@ void Host::run_action(const std::string &verb, Cursor &c) {
             h->last_log_.insert(h->last_log_.end(), lines.begin(), lines.end());
         }
     } keep{this};
+    struct KeepOutput {
+        Host *h;
+        bool on = capture_begin();
+        ~KeepOutput() {
+            if (!on) return;
+            h->last_output_ = capture_end();
+            std::cout << h->last_output_ << std::flush;
+        }
+    };
 
-    if (verb == "start" || verb == "restart") {
-        c.end();
-        do_start(verb == "restart");
-    } else if (verb == "advance") {
-        uint64_t us = parse_duration_us(c.word("duration"));
-        c.end();
-        platform::advance_us(us);
-    } else if (auto it = handlers.find(verb); it != handlers.end()) {
-        (this->*(it->second))(c);
-    } else {
-        throw ScriptError("unknown command '" + verb + "' (help lists the commands)");
+    {
+        const KeepOutput output{this};
+        if (verb == "start" || verb == "restart") {
+            c.end();
+            do_start(verb == "restart");
+        } else if (verb == "advance") {
+            uint64_t us = parse_duration_us(c.word("duration"));
+            c.end();
+            platform::advance_us(us);
+        } else if (auto it = handlers.find(verb); it != handlers.end()) {
+            (this->*(it->second))(c);
+        } else {
+            throw ScriptError("unknown command '" + verb + "' (help lists the commands)");
+        }
+        settle();
+        flush_module_stdout();
     }
-    settle();
-    flush_module_stdout();
     check_oracle();
 }
 
@@ -295,7 +349,7 @@ void Host::settle() {
 
 void Host::emit(const std::string &text) {
     flush_module_stdout();
-    last_output_ += text;
+    if (g_capture.file == nullptr) last_output_ += text;  // else the capture keeps it
     // Debug commands often end without a newline; keep the next line apart.
     std::cout << text << (text.empty() || text.back() == '\n' ? "" : "\n") << std::flush;
 }
