@@ -149,7 +149,8 @@ void drop_instance() {
 bool run_one() {
     auto &q = st().queue;
     plat::store().flush();
-    if (q.empty() && !plat::store().poll(0)) return false;
+    if (q.empty()) plat::store().poll(0);
+    if (q.empty()) return false;
     // Take the item out first: the callback may queue more or drop the instance.
     plat::QueueItem item = std::move(q.front());
     q.pop_front();
