@@ -274,9 +274,9 @@ void Host::end_of_script() {
 void Host::run_action(const std::string &verb, Cursor &c) {
     using Handler = void (Host::*)(Cursor &);
     static const std::map<std::string, Handler> handlers = {
-        {"set", &Host::do_set}, {"port", &Host::do_port},   {"fail", &Host::do_fail},
-        {"db", &Host::do_db},   {"agent", &Host::do_agent}, {"card", &Host::do_card},
-        {"cmd", &Host::do_cmd}, {"show", &Host::do_show},   {"member", &Host::do_member},
+        {"set", &Host::do_set},         {"port", &Host::do_port},   {"fail", &Host::do_fail},
+        {"db", &Host::do_db},           {"agent", &Host::do_agent}, {"card", &Host::do_card},
+        {"cmd", &Host::do_cmd},         {"show", &Host::do_show},   {"member", &Host::do_member},
         {"respond", &Host::do_respond},
     };
     last_output_.clear();
@@ -645,10 +645,9 @@ void Host::expect(Cursor &c) {
 // ---- help -----------------------------------------------------------------------
 
 const std::vector<std::string> &Host::command_words() {
-    static const std::vector<std::string> words = {"set",     "port",   "fail",  "start", "restart",
-                                                   "advance", "db",     "agent", "card",  "cmd",
-                                                   "show",    "expect", "print", "help",
-                                                   "member",  "respond"};
+    static const std::vector<std::string> words = {
+        "set",  "port", "fail", "start",  "restart", "advance", "db",     "agent",
+        "card", "cmd",  "show", "expect", "print",   "help",    "member", "respond"};
     return words;
 }
 
@@ -678,7 +677,8 @@ std::string Host::help() const {
         "  cmd NAME [INT...]                      a debug command of the module\n"
         "  show DB [TYPE]\n"
         "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"
-        "      [within DURATION]                  wait (bounded) for another process to make it so\n"
+        "      [within DURATION]                  wait (bounded) for another process to make it "
+        "so\n"
         "  member N                               look at member N's LOCAL_DB and TOPO_DB\n"
         "  respond N                              confirm member N's main multicast requests\n"
         "  expect log|no-log [FUNC] TEXT           a line of the previous command's log\n"

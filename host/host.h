@@ -83,7 +83,6 @@ class Host {
     void serve(const volatile sig_atomic_t &stop);
 
   private:
-
     Scratch scratch_;
     ModuleLoader loader_;
     bool oracle_ = false;

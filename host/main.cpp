@@ -25,7 +25,8 @@ constexpr int kScriptError = 2;
 void usage(std::ostream &os) {
     os << "usage: dpm-host [STORE] [--log PATH|-] [--module PATH] [--oracle] SCRIPT...\n"
           "       dpm-host [STORE] [--log PATH|-] [--module PATH] --shell\n"
-          "       dpm-host [STORE] ... --serve [SCRIPT...]   the scripts, then the loop until SIGTERM\n"
+          "       dpm-host [STORE] ... --serve [SCRIPT...]   the scripts, then the loop until "
+          "SIGTERM\n"
           "STORE: --db PATH (embedded store kept in a file) or\n"
           "       --redis HOST:PORT|unix:PATH [--member N] (a Redis server; N: this member's\n"
           "       own LOCAL_DB and TOPO_DB on a server shared by a unit, device id N)\n";

@@ -151,9 +151,9 @@ void set_capacity(const std::string &key, std::optional<int32_t> value) {
 
 void set_card_online(int devid, int slot, int sslot, bool online) {
     plat::card_online_here(devid, slot, sslot, online);
-    plat::store().share(online ? "card_online" : "card_offline", 0, "",
-                        std::to_string(devid) + "/" + std::to_string(slot) + "/" +
-                            std::to_string(sslot));
+    plat::store().share(
+        online ? "card_online" : "card_offline", 0, "",
+        std::to_string(devid) + "/" + std::to_string(slot) + "/" + std::to_string(sslot));
 }
 
 }  // namespace platform

@@ -33,6 +33,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -335,7 +336,15 @@ class RedisStore : public Store {
 
     bool poll(int wait_ms) override {
         drain();
-        if (ctx_ == nullptr) return false;
+        bool reconnected = false;
+        if (ctx_ == nullptr) {
+            if (!reconnect()) {
+                // Nothing to read until the server is back; do not spin.
+                if (wait_ms > 0) usleep(static_cast<useconds_t>(wait_ms) * 1000);
+                return false;
+            }
+            reconnected = true;
+        }
         std::map<std::string, StreamId> start{{kUnitStream, unit_from_}};
         for (const Subscription &sub : st().subs) {
             if (sub.stream.empty()) continue;
@@ -368,9 +377,10 @@ class RedisStore : public Store {
                 }
             }
         }
-        for (const auto &[stream, from] : start)
+        for (const auto &[stream, from] : start) {
             any |= deliver(stream, StreamId{~0ull, ~0ull}, false);
-        return any;
+        }
+        return any || reconnected;
     }
 
   private:
@@ -482,6 +492,8 @@ class RedisStore : public Store {
         return r;
     }
 
+    // The server went away: every connected session hears of it (disconnect
+    // callbacks); poll() then tries to connect again.
     void lost() {
         std::fprintf(stderr, "xn_mom: connection to %s lost: %s\n", address_.c_str(),
                      ctx_ != nullptr ? ctx_->errstr : "");
@@ -489,6 +501,33 @@ class RedisStore : public Store {
         ctx_ = nullptr;
         pending_.clear();
         written_.clear();
+        for (const auto &[db, session] : st().sessions) {
+            if (!session.connected || session.down) continue;
+            lost_sessions_.push_back(db);
+            platform::db_disconnect(db);
+        }
+    }
+
+    // Back on the same server (same run id): the sessions resume (reconnect
+    // type 2) and subscribe again, and their replays bring what was written
+    // meanwhile. Another server (it restarted, and without persistence its
+    // streams and records are gone): nothing can be resumed (type 1; the
+    // module ends with status 77).
+    bool reconnect() {
+        std::string old_run = run_id_, error;
+        if (!connect(&error)) {
+            if (ctx_ != nullptr) redisFree(ctx_);
+            ctx_ = nullptr;
+            return false;
+        }
+        int type = run_id_ == old_run ? XN_MOM_RECONN_RESUME : 1;
+        std::fprintf(stderr, "xn_mom: connected to %s again (%s server), reconnect type %d\n",
+                     address_.c_str(), type == XN_MOM_RECONN_RESUME ? "the same" : "another", type);
+        buffers_.clear();
+        fetched_.clear();
+        if (type != XN_MOM_RECONN_RESUME) unit_from_ = StreamId{};
+        for (int db : std::exchange(lost_sessions_, {})) platform::db_reconnect(db, type);
+        return true;
     }
 
     // ---- events ---------------------------------------------------------------------
@@ -569,7 +608,8 @@ class RedisStore : public Store {
             unit_from_ = std::max(unit_from_, id);
             std::map<std::string, std::string> f;
             const redisReply *fields = e->element[1];
-            for (size_t j = 0; fields->type == REDIS_REPLY_ARRAY && j + 1 < fields->elements; j += 2) {
+            for (size_t j = 0; fields->type == REDIS_REPLY_ARRAY && j + 1 < fields->elements;
+                 j += 2) {
                 f[str(fields->element[j])] = str(fields->element[j + 1]);
             }
             int member = std::atoi(f["member"].c_str());
@@ -658,7 +698,8 @@ class RedisStore : public Store {
     std::map<std::string, std::deque<Event>> buffers_;  // read, not yet delivered
     std::map<std::string, StreamId> fetched_;           // last id read into the buffer
     std::set<std::tuple<int, int, std::string>> brackets_;
-    StreamId unit_from_;  // cards and agent records of the unit read so far
+    StreamId unit_from_;              // cards and agent records of the unit read so far
+    std::vector<int> lost_sessions_;  // disconnected by a lost server, to reconnect
     std::string origin_ = std::to_string(getpid()) + "." + std::to_string(++instances_);
     static inline int instances_ = 0;
 };
@@ -666,6 +707,8 @@ class RedisStore : public Store {
 }  // namespace
 
 std::unique_ptr<Store> make_redis_store(const std::string &address, std::string *error) {
+    // A server that went away must show as a failed call, not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
     auto s = std::make_unique<RedisStore>(address);
     if (!s->connect(error)) return nullptr;
     return s;
