@@ -93,6 +93,12 @@ void set_record_text(
 // module instance.
 using WatchFn = std::function<void(int cmd, const std::string &packed)>;
 void db_watch(int member, int db, const std::string &type, WatchFn fn);
+// Benchmarks on Redis: keep every command sent to the server (on: start
+// afresh), take them, and send such a log again, pipelined, waiting for every
+// reply: the server's own time for the same work.
+void db_command_log(bool on);
+std::vector<std::vector<std::string>> db_take_command_log();
+void db_replay_commands(const std::vector<std::vector<std::string>> &log);
 // Wait up to `ms` for events other processes caused; true when any was queued.
 bool db_wait(int ms);
 

@@ -365,6 +365,18 @@ void db_watch(int member, int db, const std::string &type, WatchFn fn) {
     s.subs.push_back(std::move(sub));
 }
 
+void db_command_log(bool on) {
+    plat::store().command_log(on);
+}
+
+std::vector<std::vector<std::string>> db_take_command_log() {
+    return plat::store().take_command_log();
+}
+
+void db_replay_commands(const std::vector<std::vector<std::string>> &log) {
+    plat::store().replay_commands(log);
+}
+
 bool db_wait(int ms) {
     plat::store().flush();
     return plat::store().poll(ms);

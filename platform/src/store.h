@@ -49,6 +49,11 @@ class Store {
     }
     // Send what is still buffered (writes are pipelined).
     virtual void flush() {}
+    // Benchmarks: keep every command sent to a server, and send such a log
+    // again, pipelined (nothing to do for the embedded store).
+    virtual void command_log(bool on) { (void)on; }
+    virtual std::vector<std::vector<std::string>> take_command_log() { return {}; }
+    virtual void replay_commands(const std::vector<std::vector<std::string>> &log) { (void)log; }
     // Tell the unit's other processes of a card or agent change (kind:
     // card_add, card_del, card_online, card_offline, agent_set, agent_del) for
     // one member's process (0: all). Nothing to do for a store of one process.

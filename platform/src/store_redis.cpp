@@ -89,9 +89,8 @@ end
 // ARGV: db, key-set member, packed, form, text, event command, type, stream length.
 const char *const kWriteLua = R"(
 redis.call('HSET', KEYS[1], 'packed', ARGV[3], 'form', ARGV[4], 'text', ARGV[5])
-redis.call('ZADD', KEYS[2], 0, ARGV[2])
+if redis.call('ZADD', KEYS[2], 0, ARGV[2]) == 1 then redis.call('SADD', KEYS[5], ARGV[7]) end
 redis.call('SREM', KEYS[4], KEYS[1])
-redis.call('SADD', KEYS[5], ARGV[7])
 return event(KEYS[3], ARGV[8], ARGV[6], ARGV[3])
 )";
 
@@ -327,6 +326,18 @@ class RedisStore : public Store {
 
     void flush() override { drain(); }
 
+    void command_log(bool on) override {
+        logging_ = on;
+        log_.clear();
+    }
+    std::vector<std::vector<std::string>> take_command_log() override {
+        return std::exchange(log_, {});
+    }
+    void replay_commands(const std::vector<std::vector<std::string>> &log) override {
+        for (const auto &args : log) append(args);
+        drain();
+    }
+
     void share(const std::string &kind, int member, const std::string &type,
                const std::string &data) override {
         select(kEventDb);
@@ -430,6 +441,7 @@ class RedisStore : public Store {
                          args[0].c_str());
             return;
         }
+        if (logging_) log_.push_back(args);
         std::vector<size_t> lens;
         std::vector<const char *> argv = argv_of(args, &lens);
         redisAppendCommandArgv(ctx_, static_cast<int>(argv.size()), argv.data(), lens.data());
@@ -478,6 +490,7 @@ class RedisStore : public Store {
     Reply call(const std::vector<std::string> &args) {
         drain();
         if (ctx_ == nullptr) return Reply(nullptr, freeReplyObject);
+        if (logging_) log_.push_back(args);
         std::vector<size_t> lens;
         std::vector<const char *> argv = argv_of(args, &lens);
         void *raw = redisCommandArgv(ctx_, static_cast<int>(argv.size()), argv.data(), lens.data());
@@ -700,6 +713,8 @@ class RedisStore : public Store {
     std::set<std::tuple<int, int, std::string>> brackets_;
     StreamId unit_from_;              // cards and agent records of the unit read so far
     std::vector<int> lost_sessions_;  // disconnected by a lost server, to reconnect
+    bool logging_ = false;            // keep every command sent (benchmarks)
+    std::vector<std::vector<std::string>> log_;
     std::string origin_ = std::to_string(getpid()) + "." + std::to_string(++instances_);
     static inline int instances_ = 0;
 };
