@@ -3,6 +3,7 @@
 # 1. Every connection is dropped, the server stays: the module gets its
 #    disconnect and reconnect (type 2) callbacks, resumes, and a module id
 #    allocated meanwhile still reaches its output.
+#    Undecodable records and foreign keys or events are logged and dropped.
 # 2. The server restarts without persistence: nothing can be resumed, the
 #    module ends with status 77.
 # usage: redis_restart.sh DPM-HOST UNIT-SCRIPTS-DIR
@@ -36,9 +37,17 @@ play 'card add 1/1/0' 'card add 2/1/0' "$(printf "$alloc" 1 1 1)" "$(printf "$al
   'db hmset LOCAL_DB p_dev.vsl_local_link { index { devid: 1 slotid: 1 lport: 1 } status: 1 vsl_ap: 1 peer_dev_id: 2 peer_slot_id: 1 peer_lport: 1 }' \
   "expect record $(printf "$uc" 2) within 5s"
 
+# Bad input from other processes is logged and dropped; nothing else changes.
+redis-cli -s "$sock" -n 15 xadd _events:3:member1/p_dev.vsl_local_link '*' cmd 1 packed $'\xff\xff' >/dev/null
+redis-cli -s "$sock" -n 15 xadd _events:3:member1/p_dev.vsl_local_link '*' not ours >/dev/null
+redis-cli -s "$sock" -n 0 zadd _keys:s_intf.evt_mod_alloc 0 junk >/dev/null
+until_true 'grep -q "not an event of ours, dropped" "$dir/member.out"'
+grep -q "record does not decode, event 1 dropped" "$dir/member.out"
+
 redis-cli -s "$sock" client kill type normal >/dev/null
 play 'card add 2/2/0' "$(printf "$alloc" 2 2 3)" 'member 1' "expect record $(printf "$uc" 3) within 5s"
 until_true 'grep -q "reconn topo db" "$dir/module.log"'
+grep -q "junk in db 0 is not a s_intf.evt_mod_alloc record, dropped" "$dir/member.out"
 grep -q "disconnect topo_db" "$dir/module.log"
 
 redis-cli -s "$sock" shutdown nosave >/dev/null || true
