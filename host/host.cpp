@@ -546,6 +546,10 @@ void Host::do_respond(Cursor &c) {
 }
 
 void Host::serve(const volatile sig_atomic_t &stop) {
+    settle();
+    flush_module_stdout();
+    // Nothing can arrive from outside the embedded store: wait for the signal.
+    while (!platform::db_on_redis() && stop == 0) pause();
     while (stop == 0) {
         settle();
         flush_module_stdout();

@@ -39,6 +39,7 @@
 #include <deque>
 #include <map>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "store.h"
@@ -50,7 +51,9 @@ constexpr const char *kStreamMaxLen = "100000";
 
 struct StreamId {
     uint64_t ms = 0, seq = 0;
-    auto operator<=>(const StreamId &) const = default;
+    bool operator<(const StreamId &o) const { return std::tie(ms, seq) < std::tie(o.ms, o.seq); }
+    bool operator<=(const StreamId &o) const { return !(o < *this); }
+    bool operator>=(const StreamId &o) const { return !(*this < o); }
 };
 
 bool parse_id(const std::string &s, StreamId *out) {
@@ -476,13 +479,12 @@ class RedisStore : public Store {
                 continue;
             }
             if (seq == 0) continue;
+            // A write's or a deletion's event id; a closed bracket's last one.
+            const redisReply *last = r->type == REDIS_REPLY_ARRAY && r->elements > 0
+                                         ? r->element[r->elements - 1]
+                                         : r.get();
             StreamId id;
-            if (r->type == REDIS_REPLY_STRING && parse_id(str(r.get()), &id)) {
-                written_[seq] = id;
-            } else if (r->type == REDIS_REPLY_ARRAY && r->elements > 0 &&
-                       parse_id(str(r->element[r->elements - 1]), &id)) {
-                written_[seq] = id;
-            }
+            if (parse_id(str(last), &id)) written_[seq] = id;
         }
     }
 
