@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +23,7 @@
 
 #include "picture.h"
 #include "records.h"
+#include "responder.h"
 
 namespace host {
 
@@ -136,12 +138,12 @@ struct RecordArg {
     std::string packed;
 };
 
-RecordArg record_arg(Cursor &c) {
+RecordArg record_arg(Cursor &c, bool end = true) {
     RecordArg r;
     r.type = c.word("record type");
     r.desc = record_type(r.type);
     r.msg = parse_record(r.desc, c.record("record"));
-    c.end();
+    if (end) c.end();
     if (!r.msg->SerializeToString(&r.packed)) {
         throw ScriptError("cannot pack the " + r.type + " record");
     }
@@ -171,6 +173,27 @@ std::optional<uint32_t> value_or_fail(Cursor &c, const char *what) {
     std::string w = c.word(what);
     if (w == "fail") return std::nullopt;
     return static_cast<uint32_t>(parse_int(w, 0, UINT32_MAX, what));
+}
+
+// "expect record" (that key holds exactly that record) or "expect absent".
+void expect_record(bool absent, int db, const RecordArg &r) {
+    auto stored = platform::db_get(db, r.type, r.packed);
+    std::string want = r.type + " { " + short_text(*r.msg) + " }";
+    if (absent) {
+        if (stored) {
+            throw ExpectFailure("expected no record with the key of " + want + " in " +
+                                db_name(db) + ", got " + stored_text(*stored));
+        }
+        return;
+    }
+    if (!stored) {
+        throw ExpectFailure("expected " + want + " in " + db_name(db) + ", got no record");
+    }
+    auto got = unpack_record(r.desc, stored->packed);
+    if (got == nullptr || !pb::util::MessageDifferencer::Equals(*r.msg, *got)) {
+        throw ExpectFailure("expected " + want + " in " + db_name(db) + ", got " +
+                            stored_text(*stored));
+    }
 }
 
 // The previous output in a failure message: one line quoted, several indented.
@@ -221,6 +244,23 @@ Host::Host(const Options &opt) : oracle_(opt.oracle), pictures_dir_(opt.pictures
     }
     if (!opt.db_path.empty() && platform::db_open_file(opt.db_path) != 0) {
         throw std::runtime_error("cannot open the database file " + opt.db_path);
+    }
+    if (!opt.redis.empty()) {
+        std::string error;
+        if (platform::db_use_redis(opt.redis, &error) != 0) {
+            throw std::runtime_error("cannot use the Redis server " + opt.redis + ": " + error);
+        }
+        // Beside the bytes, a text form for people reading the store.
+        platform::set_record_text([](const std::string &type, const std::string &packed) {
+            const pb::Descriptor *d =
+                pb::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
+            std::unique_ptr<pb::Message> m = d != nullptr ? unpack_record(d, packed) : nullptr;
+            return m != nullptr ? short_text(*m) : std::string();
+        });
+    }
+    if (opt.member > 0) {
+        platform::db_member(opt.member);
+        devid_ = static_cast<uint32_t>(opt.member);
     }
 }
 
@@ -277,9 +317,12 @@ void Host::end_of_script() {
 void Host::run_action(const std::string &verb, Cursor &c) {
     using Handler = void (Host::*)(Cursor &);
     static const std::map<std::string, Handler> handlers = {
-        {"set", &Host::do_set}, {"port", &Host::do_port},   {"fail", &Host::do_fail},
-        {"db", &Host::do_db},   {"agent", &Host::do_agent}, {"card", &Host::do_card},
-        {"cmd", &Host::do_cmd}, {"show", &Host::do_show},   {"picture", &Host::do_picture},
+        {"set", &Host::do_set},         {"port", &Host::do_port},
+        {"fail", &Host::do_fail},       {"db", &Host::do_db},
+        {"agent", &Host::do_agent},     {"card", &Host::do_card},
+        {"cmd", &Host::do_cmd},         {"show", &Host::do_show},
+        {"picture", &Host::do_picture}, {"member", &Host::do_member},
+        {"respond", &Host::do_respond},
     };
     last_output_.clear();
     last_log_.clear();
@@ -558,41 +601,74 @@ void Host::do_picture(Cursor &c) {
     emit("picture: " + std::filesystem::absolute(path).lexically_normal().string() + "\n");
 }
 
+void Host::do_member(Cursor &c) {
+    int member = static_cast<int>(parse_int(c.word("member device id"), 0, 32, "member"));
+    c.end();
+    platform::db_view(member);
+}
+
+void Host::do_respond(Cursor &c) {
+    int member = static_cast<int>(parse_int(c.word("member device id"), 0, 32, "member"));
+    c.end();
+    start_responder(member);
+}
+
+void Host::serve(const volatile sig_atomic_t &stop) {
+    settle();
+    flush_module_stdout();
+    // Nothing can arrive from outside the embedded store: wait for the signal.
+    while (!platform::db_on_redis() && stop == 0) pause();
+    while (stop == 0) {
+        settle();
+        flush_module_stdout();
+        platform::db_wait(100);
+    }
+    settle();
+}
+
 // ---- expectations ---------------------------------------------------------------
+
+void Host::check_within(Cursor &c, const std::function<void()> &check) {
+    auto w = c.try_word();
+    if (!w) return check();
+    if (*w != "within") throw ScriptError("expected 'within DURATION', found '" + *w + "'");
+    uint64_t us = parse_duration_us(c.word("duration"));
+    c.end();
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
+    for (;;) {
+        try {
+            check();
+            return;
+        } catch (const ExpectFailure &) {
+            if (std::chrono::steady_clock::now() >= deadline) throw;
+        }
+        // Another process may be the one to bring it about: take in its
+        // events (waiting a little for them) and run the loop again.
+        settle();
+        platform::db_wait(10);
+        settle();
+        flush_module_stdout();
+    }
+}
 
 void Host::expect(Cursor &c) {
     std::string what = c.word("expectation");
     if (what == "record" || what == "absent") {
         int db = parse_db(c.word("database"));
-        RecordArg r = record_arg(c);
-        auto stored = platform::db_get(db, r.type, r.packed);
-        std::string want = r.type + " { " + short_text(*r.msg) + " }";
-        if (what == "absent") {
-            if (stored) {
-                throw ExpectFailure("expected no record with the key of " + want + " in " +
-                                    db_name(db) + ", got " + stored_text(*stored));
-            }
-            return;
-        }
-        if (!stored) {
-            throw ExpectFailure("expected " + want + " in " + db_name(db) + ", got no record");
-        }
-        auto got = unpack_record(r.desc, stored->packed);
-        if (got == nullptr || !pb::util::MessageDifferencer::Equals(*r.msg, *got)) {
-            throw ExpectFailure("expected " + want + " in " + db_name(db) + ", got " +
-                                stored_text(*stored));
-        }
+        RecordArg r = record_arg(c, false);
+        check_within(c, [&] { expect_record(what == "absent", db, r); });
     } else if (what == "count") {
         int db = parse_db(c.word("database"));
         std::string type = c.word("record type");
         record_type(type);
         size_t n = static_cast<size_t>(parse_int(c.word("count"), 0, INT32_MAX, "count"));
-        c.end();
-        size_t got = platform::db_records(db, type).size();
-        if (got != n) {
-            throw ExpectFailure("expected " + std::to_string(n) + " " + type + " records in " +
-                                db_name(db) + ", got " + std::to_string(got));
-        }
+        check_within(c, [&] {
+            size_t got = platform::db_records(db, type).size();
+            if (got != n) {
+                throw ExpectFailure("expected " + std::to_string(n) + " " + type + " records in " +
+                                    db_name(db) + ", got " + std::to_string(got));
+            }
+        });
     } else if (what == "log" || what == "no-log") {
         // "[func] TEXT" narrows the match to lines logged under that function
         // name (many of the module's lines just say "enter").
@@ -642,8 +718,8 @@ void Host::expect(Cursor &c) {
 
 const std::vector<std::string> &Host::command_words() {
     static const std::vector<std::string> words = {
-        "set",  "port", "fail", "start",   "restart", "advance", "db",  "agent",
-        "card", "cmd",  "show", "picture", "expect",  "print",   "help"};
+        "set", "port", "fail",    "start",  "restart", "advance", "db",     "agent",  "card",
+        "cmd", "show", "picture", "expect", "print",   "help",    "member", "respond"};
     return words;
 }
 
@@ -675,6 +751,10 @@ std::string Host::help() const {
         "  picture FILE [TITLE]                   draw the unit as the databases say (.svg, .png:\n"
         "                                         Graphviz; .dot: the text) into --pictures DIR\n"
         "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"
+        "      [within DURATION]                  wait (bounded) for another process to make it "
+        "so\n"
+        "  member N                               look at member N's LOCAL_DB and TOPO_DB\n"
+        "  respond N                              confirm member N's main multicast requests\n"
         "  expect log|no-log [FUNC] TEXT           a line of the previous command's log\n"
         "  expect output|no-output TEXT | expect exit N\n"
         "  print TEXT | help\n";

@@ -3,7 +3,9 @@
 // one, and checks expectations. Scripts and the shell both drive it.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -25,6 +27,8 @@ struct Options {
     std::string module_path;
     std::string log_path;  // empty: a file in the scratch directory; "-": standard error
     std::string db_path;   // empty: databases in memory only
+    std::string redis;     // HOST:PORT or unix:PATH: every database on that Redis server
+    int member = 0;        // a member of a unit sharing the server (0: a lone switch)
     // After every command, ask the module's built-in consistency oracle (the
     // test-only build of the module exports one) and fail on a difference.
     bool oracle = false;
@@ -70,7 +74,17 @@ class Host {
     void do_cmd(Cursor &c);
     void do_show(Cursor &c);
     void do_picture(Cursor &c);
+    void do_member(Cursor &c);
+    void do_respond(Cursor &c);
+    // "within DURATION" at the end of an expectation: check again, running
+    // the loop and waiting for other processes, until it holds or time is up.
+    void check_within(Cursor &c, const std::function<void()> &check);
 
+  public:
+    // Run the loop until `stop` is set (member and responder processes).
+    void serve(const volatile sig_atomic_t &stop);
+
+  private:
     Scratch scratch_;
     ModuleLoader loader_;
     bool oracle_ = false;

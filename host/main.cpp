@@ -4,6 +4,8 @@
 // Exit status: 0 every expectation held; 1 the first that did not; 2 a script
 // error; any other status is the module's own (it ends the process on a lost
 // database session).
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -15,13 +17,20 @@
 
 namespace {
 
+volatile sig_atomic_t g_stop = 0;
+
 constexpr int kFailed = 1;
 constexpr int kScriptError = 2;
 
 void usage(std::ostream &os) {
-    os << "usage: dpm-host [--db PATH] [--log PATH|-] [--module PATH] [--pictures DIR] [--oracle]"
-          " SCRIPT...\n"
-          "       dpm-host [--db PATH] [--log PATH|-] [--module PATH] [--pictures DIR] --shell\n";
+    os << "usage: dpm-host [STORE] [--log PATH|-] [--module PATH] [--pictures DIR] [--oracle] "
+          "SCRIPT...\n"
+          "       dpm-host [STORE] [--log PATH|-] [--module PATH] [--pictures DIR] --shell\n"
+          "       dpm-host [STORE] ... --serve [SCRIPT...]   the scripts, then the loop until "
+          "SIGTERM\n"
+          "STORE: --db PATH (embedded store kept in a file) or\n"
+          "       --redis HOST:PORT|unix:PATH [--member N] (a Redis server; N: this member's\n"
+          "       own LOCAL_DB and TOPO_DB on a server shared by a unit, device id N)\n";
 }
 
 int run_script(host::Host &h, const std::string &path) {
@@ -81,6 +90,7 @@ int run_script(host::Host &h, const std::string &path) {
 int main(int argc, char **argv) {
     host::Options opt;
     bool shell = false;
+    bool serve = false;  // after the scripts, run the loop until SIGTERM
     std::vector<std::string> scripts;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
@@ -96,6 +106,8 @@ int main(int argc, char **argv) {
         };
         if (a == "--shell") {
             shell = true;
+        } else if (a == "--serve") {
+            serve = true;
         } else if (a == "--db" || a.rfind("--db=", 0) == 0) {
             opt.db_path = value("--db");
         } else if (a == "--log" || a.rfind("--log=", 0) == 0) {
@@ -104,6 +116,14 @@ int main(int argc, char **argv) {
             opt.module_path = value("--module");
         } else if (a == "--pictures" || a.rfind("--pictures=", 0) == 0) {
             opt.pictures_dir = value("--pictures");
+        } else if (a == "--redis" || a.rfind("--redis=", 0) == 0) {
+            opt.redis = value("--redis");
+        } else if (a == "--member" || a.rfind("--member=", 0) == 0) {
+            opt.member = static_cast<int>(std::strtol(value("--member").c_str(), nullptr, 10));
+            if (opt.member < 1 || opt.member > 32) {
+                std::cerr << "dpm-host: --member takes a device id 1..32\n";
+                return kScriptError;
+            }
         } else if (a == "--oracle") {
             opt.oracle = true;
         } else if (a == "--help" || a == "-h") {
@@ -117,7 +137,11 @@ int main(int argc, char **argv) {
             scripts.push_back(a);
         }
     }
-    if (shell == !scripts.empty()) {
+    if (!opt.redis.empty() && !opt.db_path.empty()) {
+        std::cerr << "dpm-host: --db and --redis are two different stores; choose one\n";
+        return kScriptError;
+    }
+    if (shell ? !scripts.empty() || serve : scripts.empty() && !serve) {
         usage(std::cerr);
         return kScriptError;
     }
@@ -128,6 +152,12 @@ int main(int argc, char **argv) {
         for (const auto &s : scripts) {
             int rc = run_script(h, s);
             if (rc != 0) return rc;
+        }
+        if (serve) {
+            std::signal(SIGTERM, [](int) { g_stop = 1; });
+            std::signal(SIGINT, [](int) { g_stop = 1; });
+            std::cout << "serving" << std::endl;
+            h.serve(g_stop);
         }
     } catch (const std::exception &e) {
         std::cerr << "dpm-host: " << e.what() << std::endl;

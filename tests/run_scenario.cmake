@@ -1,5 +1,12 @@
 # Runs one scenario script through dpm-host and checks its exit status.
 # Pictures the script draws go to a folder of this run, removed afterwards.
+# FLUSH (redis-cli) and SOCK: start on an empty Redis server.
+if(FLUSH)
+  execute_process(COMMAND ${FLUSH} -s ${SOCK} flushall OUTPUT_QUIET RESULT_VARIABLE frc)
+  if(NOT frc EQUAL 0)
+    message(FATAL_ERROR "cannot empty the Redis server on ${SOCK}")
+  endif()
+endif()
 string(RANDOM LENGTH 12 tag)
 set(pictures "${CMAKE_CURRENT_BINARY_DIR}/dpm-pictures-${tag}")
 execute_process(COMMAND ${HOST} --pictures ${pictures} ${HOST_ARGS} ${SCRIPT}

@@ -73,6 +73,35 @@ bool db_connected(int db);
 // change. Empty path: memory only.
 int db_open_file(const std::string &path);
 
+// Put every database on a Redis server shared with other processes (ADDRESS:
+// HOST:PORT or unix:PATH) instead of the embedded store. 0, or -1 with *error.
+int db_use_redis(const std::string &address, std::string *error);
+bool db_on_redis();
+// Members of a unit on one server: each member's LOCAL_DB and TOPO_DB are its
+// own. db_member sets the module's member and the one the steering calls look
+// at; db_view changes only the latter (0: no member, the databases of a lone
+// switch).
+void db_member(int member);
+void db_view(int member);
+int db_view_member();
+// Text form of records kept beside their bytes for people reading the store.
+void set_record_text(
+    std::function<std::string(const std::string &type, const std::string &packed)> fn);
+// Watch a record type of one member's database as another component does:
+// `fn` gets each stored record (command 1 or 4), then every later event (1, 3
+// or 4) with the record packed, from the callback loop. Dropped with the
+// module instance.
+using WatchFn = std::function<void(int cmd, const std::string &packed)>;
+void db_watch(int member, int db, const std::string &type, WatchFn fn);
+// Benchmarks on Redis: keep every command sent to the server (on: start
+// afresh), take them, and send such a log again, pipelined, waiting for every
+// reply: the server's own time for the same work.
+void db_command_log(bool on);
+std::vector<std::vector<std::string>> db_take_command_log();
+void db_replay_commands(const std::vector<std::vector<std::string>> &log);
+// Wait up to `ms` for events other processes caused; true when any was queued.
+bool db_wait(int ms);
+
 // Every write the module made (set, hmset, del), in order, for tests that count
 // writes.
 struct ModuleWrite {

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "platform_state.h"
+#include "store.h"
 
 namespace plat {
 namespace {
@@ -94,27 +94,42 @@ int xn_mom_reg_key_event(xn_mom_ab_t *agent, xn_mom_ds_reg_t *reg, int event,
 
 }  // extern "C"
 
-namespace platform {
+namespace plat {
 
-int agent_set(const std::string &type, const std::string &packed) {
-    plat::RecordKey k;
-    if (!plat::key_of_packed(type, packed, &k)) return -1;
-    st().agent_records[type][plat::StoreKey{type, k.order, k.key}] = packed;
-    plat::raise(type, XN_MOM_KEY_SET, packed);
-    return 0;
-}
-
-int agent_del(const std::string &type, const std::string &packed) {
-    plat::RecordKey k;
-    if (!plat::key_of_packed(type, packed, &k)) return -1;
+int agent_here(bool set, const std::string &type, const std::string &packed) {
+    RecordKey k;
+    if (!key_of_packed(type, packed, &k)) return -1;
+    if (set) {
+        st().agent_records[type][StoreKey{type, k.order, k.key}] = packed;
+        raise(type, XN_MOM_KEY_SET, packed);
+        return 0;
+    }
     auto tit = st().agent_records.find(type);
     if (tit == st().agent_records.end()) return 0;
-    auto it = tit->second.find(plat::StoreKey{type, k.order, k.key});
+    auto it = tit->second.find(StoreKey{type, k.order, k.key});
     if (it == tit->second.end()) return 0;  // like the databases: nothing to delete, no event
     std::string was = std::move(it->second);
     tit->second.erase(it);
-    plat::raise(type, XN_MOM_KEY_DEL, was);
+    raise(type, XN_MOM_KEY_DEL, was);
     return 0;
+}
+
+}  // namespace plat
+
+namespace platform {
+
+// On a shared server the agent of the member in view hears of it too (every
+// member's when no member is in view).
+int agent_set(const std::string &type, const std::string &packed) {
+    int rv = plat::agent_here(true, type, packed);
+    if (rv == 0) plat::store().share("agent_set", st().view_member, type, packed);
+    return rv;
+}
+
+int agent_del(const std::string &type, const std::string &packed) {
+    int rv = plat::agent_here(false, type, packed);
+    if (rv == 0) plat::store().share("agent_del", st().view_member, type, packed);
+    return rv;
 }
 
 }  // namespace platform

@@ -5,10 +5,11 @@
 // The module relies on its callbacks arriving one at a time and never from
 // inside a platform call, so every effect of a platform call is a closure put on
 // one FIFO; the host drains it between its own steps.
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
-#include "platform_state.h"
+#include "store.h"
 
 namespace plat {
 
@@ -34,8 +35,15 @@ std::optional<int> fault(const char *op, int db) {
     return std::nullopt;
 }
 
-void enqueue(std::function<void()> fn, uint64_t sub_id, uint64_t timer_id) {
-    st().queue.push_back(QueueItem{std::move(fn), sub_id, timer_id});
+void enqueue(std::function<void()> fn, uint64_t sub_id, uint64_t timer_id, bool front) {
+    State &s = st();
+    QueueItem item{std::move(fn), sub_id, timer_id};
+    if (!front) {
+        s.queue.push_back(std::move(item));
+        return;
+    }
+    size_t at = std::min(s.front_next++, s.queue.size());
+    s.queue.insert(s.queue.begin() + static_cast<std::ptrdiff_t>(at), std::move(item));
 }
 
 void drop_instance_state() {
@@ -43,10 +51,8 @@ void drop_instance_state() {
     s.queue.clear();
     s.sessions.clear();
     s.subs.clear();
-    // A bracket the module opened dies with it; its records are no longer doomed.
-    for (auto &[db, records] : s.dbs) {
-        for (auto &[k, rec] : records) rec.expired = false;
-    }
+    s.watches.clear();
+    store().drop_instance();
     s.open_brackets.clear();
     s.key_regs.clear();
     s.agents.clear();
@@ -125,6 +131,9 @@ void reset() {
     s.log.clear();
     s.db_path.clear();
     s.db_dirty = false;
+    s.store.reset();  // back to the embedded store
+    s.on_redis = false;
+    s.module_member = s.view_member = 0;
     s.now_us = 0;
     s.ssat_init_result = 0;
 }
@@ -139,11 +148,14 @@ void drop_instance() {
 
 bool run_one() {
     auto &q = st().queue;
+    plat::store().flush();
+    if (q.empty()) plat::store().poll(0);
     if (q.empty()) return false;
     // Take the item out first: the callback may queue more or drop the instance.
     plat::QueueItem item = std::move(q.front());
     q.pop_front();
     plat::State &s = st();
+    s.front_next = 0;
     s.callback_depth++;
     item.fn();
     s.callback_depth--;

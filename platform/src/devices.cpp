@@ -10,7 +10,7 @@
 
 #include "libxn_cap.h"
 #include "ndm.h"
-#include "platform_state.h"
+#include "store.h"
 
 namespace plat {
 namespace {
@@ -102,17 +102,39 @@ int ndm_card_is_online(int devid, int slotid, int sslotid) {
 
 }  // extern "C"
 
+namespace plat {
+
+void card_here(bool add, uint32_t gslot) {
+    auto &cards = st().cards;
+    if (add) {
+        if (std::find(cards.begin(), cards.end(), gslot) == cards.end()) cards.push_back(gslot);
+    } else {
+        std::erase(cards, gslot);
+    }
+    announce_all(add ? LIBDDM_OP_ADD : LIBDDM_OP_DEL, gslot);
+}
+
+void card_online_here(int devid, int slot, int sslot, bool online) {
+    if (online) {
+        st().offline_cards.erase(Port{devid, slot, sslot});
+    } else {
+        st().offline_cards.insert(Port{devid, slot, sslot});
+    }
+}
+
+}  // namespace plat
+
 namespace platform {
 
+// Cards are the unit's: on a shared server every member's library hears of them.
 void card_add(uint32_t gslot) {
-    auto &cards = st().cards;
-    if (std::find(cards.begin(), cards.end(), gslot) == cards.end()) cards.push_back(gslot);
-    plat::announce_all(LIBDDM_OP_ADD, gslot);
+    plat::card_here(true, gslot);
+    plat::store().share("card_add", 0, "", std::to_string(gslot));
 }
 
 void card_del(uint32_t gslot) {
-    std::erase(st().cards, gslot);
-    plat::announce_all(LIBDDM_OP_DEL, gslot);
+    plat::card_here(false, gslot);
+    plat::store().share("card_del", 0, "", std::to_string(gslot));
 }
 
 void set_chipid(int devid, int slot, int lport, std::optional<uint32_t> chipid) {
@@ -128,11 +150,10 @@ void set_capacity(const std::string &key, std::optional<int32_t> value) {
 }
 
 void set_card_online(int devid, int slot, int sslot, bool online) {
-    if (online) {
-        st().offline_cards.erase(plat::Port{devid, slot, sslot});
-    } else {
-        st().offline_cards.insert(plat::Port{devid, slot, sslot});
-    }
+    plat::card_online_here(devid, slot, sslot, online);
+    plat::store().share(
+        online ? "card_online" : "card_offline", 0, "",
+        std::to_string(devid) + "/" + std::to_string(slot) + "/" + std::to_string(sslot));
 }
 
 }  // namespace platform

@@ -37,6 +37,7 @@ const ProtobufCMessageDescriptor *find_descriptor(const std::string &type);
 struct RecordKey {
     std::string key;
     std::string order;
+    std::string text;  // "modid=12": the key as a person reads it (empty: no index)
 };
 RecordKey key_of(const ProtobufCMessage *msg);
 
@@ -83,6 +84,10 @@ struct Subscription {
     xn_mom_event_cb_t cb;
     void *client;
     void *user;
+    // Redis store: the stream of the subscription's database and type and the
+    // id of the last entry it has had (or its snapshot's position).
+    std::string stream;
+    uint64_t from_ms = 0, from_seq = 0;
 };
 
 // ---- data-sync agent ---------------------------------------------------------------
@@ -103,6 +108,8 @@ struct KeyEventReg {
 };
 
 // ---- everything else ---------------------------------------------------------------
+
+class Store;
 
 struct QueueItem {
     std::function<void()> fn;
@@ -155,11 +162,20 @@ struct State {
     int callback_depth = 0;
     uint64_t now_us = 0;
     int ssat_init_result = 0;
+    std::unique_ptr<Store> store;  // null: the embedded store, made on first use
+    bool on_redis = false;
+    std::function<std::string(const std::string &, const std::string &)> text_form;
+    // Per-member databases on a shared server: the module's own member, and the
+    // one the steering calls look at (0: none).
+    int module_member = 0;
+    int view_member = 0;
 
     // module instance side
     std::deque<QueueItem> queue;
+    size_t front_next = 0;  // where the next front insertion of the running item goes
     std::map<int, Session> sessions;
     std::vector<Subscription> subs;
+    std::deque<platform::WatchFn> watches;  // behind db_watch subscriptions
     std::set<std::pair<int, std::string>> open_brackets;
     std::vector<std::unique_ptr<Agent>> agents;
     std::vector<KeyEventReg> key_regs;
@@ -176,13 +192,22 @@ State &st();
 // no database), consuming one count of it.
 std::optional<int> fault(const char *op, int db = -1);
 
-void enqueue(std::function<void()> fn, uint64_t sub_id = 0, uint64_t timer_id = 0);
+// front: run right after the item being delivered (and after what it put in
+// front before), e.g. the events a store fetched in place of a placeholder.
+void enqueue(std::function<void()> fn, uint64_t sub_id = 0, uint64_t timer_id = 0,
+             bool front = false);
 
 // Persist the databases when a file is attached. Inside a callback the save
 // waits until the callback returns (or the process exits), so that a burst of
 // writes costs one save rather than one per record.
 void save_dbs();
 void flush_dbs();
+// What the steering calls do in this process only; on a shared server they
+// are also shared with the unit's other processes, which do the same.
+void card_here(bool add, uint32_t gslot);
+void card_online_here(int devid, int slot, int sslot, bool online);
+int agent_here(bool set, const std::string &type, const std::string &packed);
+
 // Drop every module-instance part of the state.
 void drop_instance_state();
 

@@ -7,7 +7,9 @@
 // what a person reading "show" expects.
 #include <cstring>
 #include <map>
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "p_dev.pb-c.h"
 #include "platform_state.h"
@@ -113,6 +115,39 @@ std::string order_of(const ProtobufCMessage *idx) {
     return out;
 }
 
+// "name=value,..." of the key fields, for keys a person can read.
+std::string text_of(const ProtobufCMessage *idx) {
+    std::string out;
+    const ProtobufCMessageDescriptor *d = idx->descriptor;
+    for (unsigned i = 0; i < d->n_fields; i++) {
+        const ProtobufCFieldDescriptor *f = &d->fields[i];
+        if (f->label == PROTOBUF_C_LABEL_REPEATED) continue;
+        std::string v;
+        switch (f->type) {
+            case PROTOBUF_C_TYPE_INT32:
+            case PROTOBUF_C_TYPE_SINT32:
+            case PROTOBUF_C_TYPE_SFIXED32:
+            case PROTOBUF_C_TYPE_ENUM:
+                v = std::to_string(field_at<int32_t>(idx, f));
+                break;
+            case PROTOBUF_C_TYPE_UINT32:
+            case PROTOBUF_C_TYPE_FIXED32:
+                v = std::to_string(field_at<uint32_t>(idx, f));
+                break;
+            case PROTOBUF_C_TYPE_STRING: {
+                const char *s = field_at<const char *>(idx, f);
+                v = s != nullptr ? s : "";
+                break;
+            }
+            default:
+                continue;
+        }
+        if (!out.empty()) out += ',';
+        out += std::string(f->name) + "=" + v;
+    }
+    return out;
+}
+
 }  // namespace
 
 const ProtobufCMessageDescriptor *find_descriptor(const std::string &type) {
@@ -132,7 +167,16 @@ RecordKey key_of(const ProtobufCMessage *msg) {
     const ProtobufCFieldDescriptor *f = index_field(msg->descriptor);
     if (f == nullptr) return k;
     const auto *idx = field_at<const ProtobufCMessage *>(msg, f);
-    if (idx == nullptr) return k;
+    if (idx == nullptr) {
+        // No index is the all-zero key; name it as such.
+        const auto *idesc = static_cast<const ProtobufCMessageDescriptor *>(f->descriptor);
+        std::vector<std::max_align_t> zero(idesc->sizeof_message / sizeof(std::max_align_t) + 1);
+        auto *blank = reinterpret_cast<ProtobufCMessage *>(zero.data());
+        protobuf_c_message_init(idesc, blank);
+        k.text = text_of(blank);
+        return k;
+    }
+    k.text = text_of(idx);
     k.key = pack(idx);
     if (!k.key.empty()) k.order = order_of(idx);
     return k;
