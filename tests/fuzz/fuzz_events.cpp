@@ -19,7 +19,6 @@ dpm_stress::OracleModule &module() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    dpm_stress::keep_old_instances(false);  // run with -detect_leaks=0
     module();
     return 0;
 }

@@ -69,7 +69,6 @@ bool decodes(const ProtobufCMessageDescriptor *d, const std::string &bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    dpm_stress::keep_old_instances(false);  // run with -detect_leaks=0
     module();
     return 0;
 }
@@ -124,7 +123,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         // read back at a restart), so TOPO_DB may then disagree with the caches
         // by design; the caches' own structure must hold whatever arrives.
         std::string report;
-        const int flags_to_check = foreign_output ? OracleModule::kStructure : OracleModule::kAll;
+        const int flags_to_check =
+            foreign_output ? OracleModule::kStructure | OracleModule::kMemory : OracleModule::kAll;
         if (module().check(flags_to_check, &report) != 0) fail(report, trail);
     }
     return 0;

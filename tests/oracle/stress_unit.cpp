@@ -13,6 +13,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "alloc_track.h"
 #include "ce_dpm_dlib.h"
 #include "p_dev.pb-c.h"
 #include "s_intf.pb-c.h"
@@ -101,36 +102,7 @@ __attribute__((no_sanitize("address", "undefined"))) void raw_copy(unsigned char
     for (size_t i = 0; i < n; ++i) d[i] = src[i];
 }
 
-// What old instances' globals pointed at, kept so that their caches stay
-// reachable for the leak checker (a dead process's heap is not a leak of the
-// new one).
-bool g_keep_old_instances = true;
-
-std::vector<std::vector<uintptr_t>> &graveyard() {
-    static auto *g = new std::vector<std::vector<uintptr_t>>();
-    return *g;
-}
-
-// The words of a range that the instance changed since load: only those can
-// point at what it allocated.
-__attribute__((no_sanitize("address", "undefined"))) std::vector<uintptr_t> changed_words(
-    uintptr_t start, const std::vector<unsigned char> &loaded) {
-    std::vector<uintptr_t> out;
-    const size_t skip = (sizeof(uintptr_t) - start % sizeof(uintptr_t)) % sizeof(uintptr_t);
-    for (size_t off = skip; off + sizeof(uintptr_t) <= loaded.size(); off += sizeof(uintptr_t)) {
-        uintptr_t now = *reinterpret_cast<const volatile uintptr_t *>(start + off);
-        uintptr_t then;
-        std::memcpy(&then, loaded.data() + off, sizeof then);
-        if (now != then && now != 0) out.push_back(now);
-    }
-    return out;
-}
-
 }  // namespace
-
-void keep_old_instances(bool keep) {
-    g_keep_old_instances = keep;
-}
 
 const std::string &oracle_module_path() {
     static const std::string p = DPM_ORACLE_MODULE_PATH;
@@ -148,11 +120,10 @@ OracleModule::OracleModule(const std::string &so_path) {
     check_ = reinterpret_cast<CheckFn>(dlsym(handle_, "dpm_oracle_check"));
     ready_ = reinterpret_cast<ReadyFn>(dlsym(handle_, "dpm_oracle_ready"));
     summary_ = reinterpret_cast<SummaryFn>(dlsym(handle_, "dpm_oracle_summary"));
-    damage_ = reinterpret_cast<DamageFn>(dlsym(handle_, "dpm_oracle_damage"));
     map_usable_ = reinterpret_cast<ReadyFn>(dlsym(handle_, "dpm_oracle_map_usable"));
     held_ = reinterpret_cast<ReadyFn>(dlsym(handle_, "dpm_oracle_held"));
     if (init_ == nullptr || check_ == nullptr || ready_ == nullptr || summary_ == nullptr ||
-        damage_ == nullptr || map_usable_ == nullptr || held_ == nullptr) {
+        map_usable_ == nullptr || held_ == nullptr) {
         throw std::runtime_error("oracle module lacks its entry points");
     }
     snapshot();
@@ -189,8 +160,10 @@ void OracleModule::snapshot() {
 }
 
 void OracleModule::restore() {
+    // What the old instance still holds goes back first: nothing else points
+    // at it once its globals are rewound.
+    dpm_alloc_release_all();
     for (const Range &r : ranges_) {
-        if (g_keep_old_instances) graveyard().push_back(changed_words(r.start, r.bytes));
         raw_copy(reinterpret_cast<unsigned char *>(r.start), r.bytes.data(), r.bytes.size());
     }
 }
@@ -215,10 +188,6 @@ int OracleModule::check(int flags, std::string *report) const {
     int n = check_(flags, buf.data(), buf.size());
     if (report != nullptr) *report = buf.data();
     return n;
-}
-
-int OracleModule::damage(int what) {
-    return damage_(what);
 }
 
 bool OracleModule::map_usable() const {

@@ -33,7 +33,8 @@ class OracleModule {
 
     static constexpr int kStructure = 1;
     static constexpr int kOutput = 2;
-    static constexpr int kAll = 3;
+    static constexpr int kMemory = 4;
+    static constexpr int kAll = 7;
     // Number of differences; the report lists them.
     int check(int flags, std::string *report) const;
     bool ready() const;
@@ -42,8 +43,6 @@ class OracleModule {
     // The application holds configured devices back (see dpm_oracle_held).
     bool held() const;
     std::string summary() const;
-    // Test-only damage of the caches (see dpm_oracle_damage).
-    int damage(int what);
 
   private:
     struct Range {
@@ -61,20 +60,13 @@ class OracleModule {
     using ReadyFn = int (*)();
     using SummaryFn = void (*)(char *, size_t);
     using InitFn = int (*)(ce_dpm_dlib_arg *);
-    using DamageFn = int (*)(int);
     ReadyFn map_usable_ = nullptr;
     ReadyFn held_ = nullptr;
-    DamageFn damage_ = nullptr;
     CheckFn check_ = nullptr;
     ReadyFn ready_ = nullptr;
     SummaryFn summary_ = nullptr;
     InitFn init_ = nullptr;
 };
-
-// Whether a restart keeps what the old instance's globals pointed at
-// reachable, for the leak checker (default). A fuzzer runs without the leak
-// checker and restarts far too often to keep them.
-void keep_old_instances(bool keep);
 
 // Where the test build put the oracle module.
 const std::string &oracle_module_path();
