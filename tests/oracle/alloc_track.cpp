@@ -24,6 +24,14 @@ std::unordered_set<uintptr_t> &held() {
     return *h;
 }
 
+size_t g_failures = 0;
+
+bool failing(const char *op) {
+    if (!platform::take_fault(op)) return false;
+    ++g_failures;
+    return true;
+}
+
 uintptr_t key(const void *p) {
     return ~reinterpret_cast<uintptr_t>(p);
 }
@@ -38,17 +46,17 @@ void *keep(void *p) {
 extern "C" {
 
 void *__wrap_malloc(size_t n) {
-    if (platform::take_fault("malloc")) return nullptr;
+    if (failing("malloc")) return nullptr;
     return keep(malloc(n));  // NOLINT(cppcoreguidelines-no-malloc)
 }
 
 void *__wrap_calloc(size_t n, size_t size) {
-    if (platform::take_fault("calloc")) return nullptr;
+    if (failing("calloc")) return nullptr;
     return keep(calloc(n, size));  // NOLINT(cppcoreguidelines-no-malloc)
 }
 
 void *__wrap_realloc(void *p, size_t n) {
-    if (platform::take_fault("realloc")) return nullptr;
+    if (failing("realloc")) return nullptr;
     const uintptr_t old = key(p);
     void *q = realloc(p, n);  // NOLINT(cppcoreguidelines-no-malloc)
     if (old != key(nullptr) && (q != nullptr || n == 0)) held().erase(old);
@@ -58,6 +66,10 @@ void *__wrap_realloc(void *p, size_t n) {
 void __wrap_free(void *p) {
     if (p != nullptr) held().erase(key(p));
     free(p);  // NOLINT(cppcoreguidelines-no-malloc)
+}
+
+size_t dpm_alloc_failures(void) {
+    return g_failures;
 }
 
 size_t dpm_alloc_held_count(void) {

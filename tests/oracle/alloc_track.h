@@ -5,6 +5,8 @@
 #include <cstdint>
 
 extern "C" {
+// Calls made to fail by an armed fault, since the process started.
+size_t dpm_alloc_failures(void);
 // Blocks handed out through the wrapped functions and not freed yet.
 size_t dpm_alloc_held_count(void);
 // 1 when `p` is the start of such a block.
