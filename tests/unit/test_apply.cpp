@@ -1,4 +1,5 @@
 // Application and write-back: what is written, how often, and in which order.
+#include "frame_test_util.h"
 #include "fwd_fixture.h"
 
 namespace {
@@ -126,7 +127,10 @@ TEST_F(Apply, EgressBlockIsBroughtUpToDateByTheFirstDevice) {
                                          writes(kEgr)[0].packed);
     ASSERT_EQ(rec->n_block_modid, 64u);
     EXPECT_TRUE((rec->block_modid[102 / 32] >> (102 % 32)) & 1U);
-    EXPECT_TRUE(logged("modbmp is not changed!"));
+    const auto log = platform::take_log();
+    const char *fn = "dpm_apply_egr_by_devid";
+    EXPECT_TRUE(frame_test::has_log(log, fn, "set egr success!, apid:1, devid:1"));
+    EXPECT_TRUE(frame_test::has_log(log, fn, "modbmp is not changed!"));
 }
 
 TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {

@@ -1,6 +1,7 @@
 // Unicast balance: placement on the least loaded port, the route lookup, and
 // the rebalancing passes (including caches whose counts disagree with their
 // bitmaps, which must not make the loop spin).
+#include "frame_test_util.h"
 #include "fwd_fixture.h"
 
 namespace {
@@ -198,8 +199,12 @@ TEST_F(Balance, RebalanceEndsWhenBitmapDisagreesWithCount) {
         EXPECT_EQ(b->modid_cnt, c.known);
         EXPECT_EQ(a->modid_cnt, 50 - c.known);
         for (uint32_t m : c.bits) EXPECT_TRUE(dpm_bmp_test(a->modid_bmp, m)) << m;
+        const auto log = platform::take_log();
+        const char *fn = "dpm_restore_vsl_lb_in_ap";
+        EXPECT_EQ(frame_test::has_log(log, fn, "change uc modid info:1000"), c.known != 0);
         if (!c.bits.empty()) {
-            EXPECT_TRUE(logged("can't find modid info:" + std::to_string(c.bits.back())));
+            const std::string text = "can't find modid info:" + std::to_string(c.bits.back());
+            EXPECT_TRUE(frame_test::has_log(log, fn, text));
         }
     }
     dpm_restore_vsl_lb_in_ap(0);
