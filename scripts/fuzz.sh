@@ -37,7 +37,7 @@ for f in "${names[@]}"; do
   echo "== fuzz_$f: ${secs}s, seed $seed"
   "$build/tests/fuzz/fuzz_$f" "$build/corpus-$f" "tests/fuzz/corpus/$f" \
     -max_total_time="$secs" -seed="$seed" -max_len=4096 -timeout=20 \
-    -artifact_prefix="$build/artifacts/$f-" -print_final_stats=1 2>"$build/fuzz_$f.log" &
+    -artifact_prefix="$build/artifacts/$f-" -print_final_stats=1 >"$build/fuzz_$f.log" 2>&1 &
   pids+=($!)
 done
 status=0

@@ -3,13 +3,15 @@
 // pending) it compares TOPO_DB with those caches and walks the caches' own
 // invariants, and reports every difference as one line.
 //
-// Two groups of checks:
+// Three groups of checks:
 // - structure: list counts, bitmaps and indexes agree with the lists, load
 //   pointers and main multicast ports point into the active cache, and the
 //   unicast balance invariants hold. They hold at any quiet moment.
 // - output: TOPO_DB holds exactly what the applied caches say. They are only
 //   meaningful once the four input syncs are over (before that, the records of
 //   an earlier run are still being taken over).
+// - memory: the caches link exactly the blocks the module holds (test builds'
+//   allocator, one module instance per process).
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -559,19 +561,4 @@ extern "C" __attribute__((visibility("default"))) int dpm_oracle_held(void) {
 // 1 once the four input syncs are over (the output checks then apply).
 extern "C" __attribute__((visibility("default"))) int dpm_oracle_ready(void) {
     return dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over ? 1 : 0;
-}
-
-// A one-line summary of the caches, for reports: devices, module ids, ports
-// per apid (active/waiting), unicast entries, choices.
-extern "C" __attribute__((visibility("default"))) void dpm_oracle_summary(char *out, size_t len) {
-    size_t uc = live(&dpm_uc_head) ? dpm_list_count(&dpm_uc_head) : 0;
-    std::snprintf(out, len,
-                  "dev_cnt %u mod_cnt %u ap1 %u/%u ap2 %u/%u uc %zu mmc1 %u:%u mmc2 %u:%u maps %u "
-                  "ds %u%u%u%u",
-                  dpm_modid_dev_cache.dev_cnt, dpm_modid_dev_cache.mod_cnt,
-                  dpm_vslap_cache.ap[1].vsl_cnt, dpm_vslap_unused_cache.ap[1].vsl_cnt,
-                  dpm_vslap_cache.ap[2].vsl_cnt, dpm_vslap_unused_cache.ap[2].vsl_cnt, uc,
-                  dpm_mmc[1].valid, dpm_mmc[1].modid, dpm_mmc[2].valid, dpm_mmc[2].modid,
-                  dpm_dtm_cache.dtm_info_cnt, dpm_dtm_cache.ds_end, dpm_vslap_cache.ds_end,
-                  dpm_modid_dev_cache.ds_end, rdy_vsl_chip_ds_end);
 }

@@ -126,7 +126,6 @@ OracleModule::OracleModule(const std::string &so_path) {
     sym(init_, "ce_dpm_dlib_init");
     sym(check_, "dpm_oracle_check");
     sym(ready_, "dpm_oracle_ready");
-    sym(summary_, "dpm_oracle_summary");
     sym(map_usable_, "dpm_oracle_map_usable");
     sym(held_, "dpm_oracle_held");
 
@@ -176,15 +175,26 @@ int OracleModule::check(int flags, std::string *report) const {
     return n;
 }
 
-std::string OracleModule::summary() const {
-    char buf[512];
-    summary_(buf, sizeof buf);
-    return buf;
-}
-
 // ---- the unit's world ---------------------------------------------------------------
 
 namespace {
+
+// Reads an event sequence from bytes; exhausted input reads as zeros.
+class ByteReader {
+  public:
+    ByteReader(const uint8_t *data, size_t size) : p_(data), n_(size) {}
+    bool empty() const { return n_ == 0; }
+    uint8_t u8() {
+        if (n_ == 0) return 0;
+        --n_;
+        return *p_++;
+    }
+    uint32_t u16() { return static_cast<uint32_t>(u8()) | static_cast<uint32_t>(u8()) << 8; }
+
+  private:
+    const uint8_t *p_;
+    size_t n_;
+};
 
 template <class T, size_t N>
 T pick(ByteReader &in, const T (&table)[N]) {
@@ -458,7 +468,7 @@ Event decode_event(ByteReader &in, bool faults) {
 std::vector<Event> decode_events(const uint8_t *data, size_t size, size_t max_events) {
     ByteReader in(data, size);
     std::vector<Event> out;
-    while (!in.empty() && out.size() < max_events) out.push_back(decode_event(in));
+    while (!in.empty() && out.size() < max_events) out.push_back(decode_event(in, false));
     return out;
 }
 
@@ -510,23 +520,16 @@ void UnitDriver::begin(Baseline baseline) {
 }
 
 void UnitDriver::apply(const Event &e) {
-    switch (e.kind) {
-        case Kind::ModAlloc:
-        case Kind::VslLink:
-            platform::db_hmset(e.db, e.type, e.packed);
-            break;
-        case Kind::Map:
-        case Kind::ChipState:
-        case Kind::DevState:
-            platform::db_set(e.db, e.type, e.packed);
-            break;
-        case Kind::ModAllocDel:
-        case Kind::VslLinkDel:
-        case Kind::MapDel:
-        case Kind::ChipStateDel:
-        case Kind::DevStateDel:
+    if (e.kind <= Kind::DevStateDel) {  // the input records; deletions are the odd kinds
+        if (static_cast<int>(e.kind) % 2 == 1) {
             platform::db_del(e.db, e.type, e.packed);
-            break;
+        } else if (e.kind < Kind::Map) {
+            platform::db_hmset(e.db, e.type, e.packed);
+        } else {
+            platform::db_set(e.db, e.type, e.packed);
+        }
+    }
+    switch (e.kind) {
         case Kind::MmcConfirm:
         case Kind::MmcConfirmDel: {
             // The hardware side answers what the module published (or, now and
@@ -544,10 +547,8 @@ void UnitDriver::apply(const Event &e) {
             break;
         }
         case Kind::CardAdd:
-            platform::card_add(e.gslot);
-            break;
         case Kind::CardDel:
-            platform::card_del(e.gslot);
+            e.kind == Kind::CardAdd ? platform::card_add(e.gslot) : platform::card_del(e.gslot);
             break;
         case Kind::CardOnline:
             platform::set_card_online(e.devid, e.slot, 0, e.value.value_or(1) != 0);
@@ -572,8 +573,9 @@ void UnitDriver::apply(const Event &e) {
                            static_cast<int>(e.pick));
             break;
         case Kind::Restart:
-        case Kind::Count:
             module_.restart();
+            break;
+        default:
             break;
     }
     platform::run_until_idle();
@@ -596,8 +598,7 @@ std::string run_event_input(const uint8_t *data, size_t size) {
     for (size_t n = 0; n <= 64; ++n) {
         const int flags =
             failed ? OracleModule::kStructure | OracleModule::kMemory : OracleModule::kAll;
-        if (unit.module().check(flags, &report) != 0)
-            return trail + report + unit.module().summary() + "\n";
+        if (oracle_module().check(flags, &report) != 0) return trail + report;
         if (n == 64 || in.empty()) break;
         const Event e = decode_event(in, faults);
         trail += "  " + e.text + "\n";

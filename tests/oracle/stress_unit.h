@@ -39,7 +39,6 @@ class OracleModule {
     bool map_usable() const { return map_usable_() != 0; }
     // The application holds configured devices back (see dpm_oracle_held).
     bool held() const { return held_() != 0; }
-    std::string summary() const;
 
   private:
     struct Range {
@@ -53,7 +52,6 @@ class OracleModule {
     int (*ready_)() = nullptr;
     int (*map_usable_)() = nullptr;
     int (*held_)() = nullptr;
-    void (*summary_)(char *, size_t) = nullptr;
 };
 
 // Where the test build put the oracle module, and the process's one copy of it.
@@ -100,26 +98,8 @@ struct Event {
     std::string text;   // one line for reports
 };
 
-// Reads an event sequence from bytes; exhausted input reads as zeros.
-class ByteReader {
-  public:
-    ByteReader(const uint8_t *data, size_t size) : p_(data), n_(size) {}
-    bool empty() const { return n_ == 0; }
-    uint8_t u8() {
-        if (n_ == 0) return 0;
-        --n_;
-        return *p_++;
-    }
-    uint32_t u16() { return static_cast<uint32_t>(u8()) | static_cast<uint32_t>(u8()) << 8; }
-
-  private:
-    const uint8_t *p_;
-    size_t n_;
-};
-
-// One event (ids mostly from the unit's own small world, with a share of values
-// outside every range). `faults` adds allocation failures to the kinds.
-Event decode_event(ByteReader &in, bool faults = false);
+// Events from bytes (ids mostly from the unit's own small world, with a share
+// of values outside every range); exhausted input reads as zeros.
 std::vector<Event> decode_events(const uint8_t *data, size_t size, size_t max_events);
 
 // How a run begins.
@@ -136,7 +116,6 @@ class UnitDriver {
     void begin(Baseline baseline);
     // Apply one event and deliver everything it caused.
     void apply(const Event &e);
-    OracleModule &module() { return module_; }
 
   private:
     OracleModule &module_;
