@@ -147,6 +147,10 @@ uint64_t now_us();
 // fails with skip 1).
 void fail(const std::string &op, int db = -1, int count = 1, int rv = -1, int skip = 0);
 void clear_faults();
+// The failure result when a fault is armed for `op`, consuming one count of it,
+// for stand-ins outside this library (the test builds' allocator: "malloc",
+// "calloc", "realloc").
+std::optional<int> take_fault(const char *op);
 
 // ---- logging -----------------------------------------------------------------------
 

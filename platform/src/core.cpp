@@ -206,4 +206,8 @@ void clear_faults() {
     st().faults.clear();
 }
 
+std::optional<int> take_fault(const char *op) {
+    return plat::fault(op);
+}
+
 }  // namespace platform

@@ -64,8 +64,14 @@ extern "C" {
 
 void *xn_zlog_init(const char *category) {
     if (plat::fault("xn_zlog_init")) return nullptr;
+    // One category per name: a process that starts its module again and again
+    // gets the same one back instead of a new one each time.
     auto &cats = plat::st().categories;
-    cats.emplace_back(category != nullptr ? category : "");
+    const std::string name = category != nullptr ? category : "";
+    for (std::string &c : cats) {
+        if (c == name) return &c;
+    }
+    cats.push_back(name);
     return &cats.back();
 }
 

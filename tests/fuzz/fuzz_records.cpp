@@ -22,11 +22,6 @@ namespace {
 
 using dpm_stress::OracleModule;
 
-OracleModule &module() {
-    static auto *m = new OracleModule(dpm_stress::oracle_module_path());
-    return *m;
-}
-
 struct Target {
     int db;  // -1: the data-sync agent
     const ProtobufCMessageDescriptor *desc;
@@ -69,14 +64,13 @@ bool decodes(const ProtobufCMessageDescriptor *d, const std::string &bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    dpm_stress::keep_old_instances(false);  // run with -detect_leaks=0
-    module();
+    dpm_stress::oracle_module();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    dpm_stress::UnitDriver unit(module());
+    dpm_stress::UnitDriver unit;
     unit.begin(static_cast<dpm_stress::Baseline>(data[0] % 3));
     size_t pos = 1;
     bool foreign_output = false;  // records the module owns, written by someone else
@@ -116,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         platform::run_until_idle();
         platform::take_log();
         if ((flags & 4) != 0) {
-            module().restart();
+            dpm_stress::oracle_module().restart();
             platform::run_until_idle();
             platform::take_log();
         }
@@ -124,8 +118,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         // read back at a restart), so TOPO_DB may then disagree with the caches
         // by design; the caches' own structure must hold whatever arrives.
         std::string report;
-        const int flags_to_check = foreign_output ? OracleModule::kStructure : OracleModule::kAll;
-        if (module().check(flags_to_check, &report) != 0) fail(report, trail);
+        const int flags_to_check =
+            foreign_output ? OracleModule::kStructure | OracleModule::kMemory : OracleModule::kAll;
+        if (dpm_stress::oracle_module().check(flags_to_check, &report) != 0) fail(report, trail);
     }
     return 0;
 }

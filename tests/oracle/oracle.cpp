@@ -3,13 +3,15 @@
 // pending) it compares TOPO_DB with those caches and walks the caches' own
 // invariants, and reports every difference as one line.
 //
-// Two groups of checks:
+// Three groups of checks:
 // - structure: list counts, bitmaps and indexes agree with the lists, load
 //   pointers and main multicast ports point into the active cache, and the
 //   unicast balance invariants hold. They hold at any quiet moment.
 // - output: TOPO_DB holds exactly what the applied caches say. They are only
 //   meaningful once the four input syncs are over (before that, the records of
 //   an earlier run are still being taken over).
+// - memory: the caches link exactly the blocks the module holds (test builds'
+//   allocator, one module instance per process).
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc_track.h"
 #include "platform_ctl.h"
 #include "test_support.h"
 #include "udp_dpm.h"
@@ -469,6 +472,45 @@ void check_output(Report &r) {
     check_mmc(r);
 }
 
+// ---- memory: the caches own exactly the blocks the module holds ----------------------
+
+// Every element linked in a cache is a block the module holds (nothing freed is
+// still linked), and every block it holds is linked somewhere (nothing leaked),
+// after an allocation failure as after anything else. Needs the test builds'
+// allocator and one instance per process.
+void check_memory(Report &r) {
+    std::set<const void *> cached;
+    auto take = [&](const void *p, const char *what) {
+        if (p == nullptr) return;
+        if (dpm_alloc_held(p) == 0) r.add("%s: an element that is not a held block", what);
+        cached.insert(p);
+    };
+    walk<dpm_dev_head>(&dpm_modid_dev_cache.dev_list, "device list", r, [&](const dpm_dev_head *d) {
+        take(d, "device list");
+        walk<dpm_modid_info>(&d->modid_list, "modid list", r,
+                             [&](const dpm_modid_info *m) { take(m, "modid list"); });
+    });
+    for (const auto *cache : {&dpm_vslap_cache, &dpm_vslap_unused_cache}) {
+        for (const dpm_vslap_entry &ap : cache->ap) {
+            walk<dpm_vsl_info>(&ap.vsl_list, "vsl list", r,
+                               [&](const dpm_vsl_info *v) { take(v, "vsl list"); });
+        }
+    }
+    walk<dpm_dtm_info>(&dpm_dtm_cache.history, "map history", r,
+                       [&](const dpm_dtm_info *d) { take(d, "map history"); });
+    take(dpm_dtm_cache.hwcfg, "applied map");  // may have left the history
+    walk<dpm_uc_info>(&dpm_uc_head, "unicast list", r,
+                      [&](const dpm_uc_info *u) { take(u, "unicast list"); });
+    walk<dpm_vsl_chip>(&dpm_vsl_chip_head, "vsl chip list", r,
+                       [&](const dpm_vsl_chip *c) { take(c, "vsl chip list"); });
+    walk<dpm_mod_event>(&dpm_gslot_head, "module event list", r,
+                        [&](const dpm_mod_event *e) { take(e, "module event list"); });
+    take(udp_dpm_dbg_time.entries, "timing ring");
+    if (dpm_alloc_held_count() != cached.size()) {
+        r.add("the module holds %zu blocks, its caches %zu", dpm_alloc_held_count(), cached.size());
+    }
+}
+
 size_t copy_out(const Report &r, char *out, size_t len) {
     if (out != nullptr && len != 0) {
         std::snprintf(out, len, "%s", r.text().c_str());
@@ -480,12 +522,14 @@ size_t copy_out(const Report &r, char *out, size_t len) {
 
 // Differences found, 0 when everything agrees. `flags` bit 0: check the caches'
 // structure; bit 1: check TOPO_DB against the caches (skipped, without a
-// report, until the four input syncs are over). The report is one line a
+// report, until the four input syncs are over); bit 2: check the module's heap
+// blocks against the caches. The report is one line a
 // difference, truncated to `len`.
 extern "C" __attribute__((visibility("default"))) int dpm_oracle_check(int flags, char *out,
                                                                        size_t len) {
     Report r;
     if ((flags & 1) != 0) check_structure(r);
+    if ((flags & 4) != 0) check_memory(r);
     if ((flags & 2) != 0 && dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over) {
         check_output(r);
     }
@@ -517,53 +561,4 @@ extern "C" __attribute__((visibility("default"))) int dpm_oracle_held(void) {
 // 1 once the four input syncs are over (the output checks then apply).
 extern "C" __attribute__((visibility("default"))) int dpm_oracle_ready(void) {
     return dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over ? 1 : 0;
-}
-
-// A one-line summary of the caches, for reports: devices, module ids, ports
-// per apid (active/waiting), unicast entries, choices.
-extern "C" __attribute__((visibility("default"))) void dpm_oracle_summary(char *out, size_t len) {
-    size_t uc = live(&dpm_uc_head) ? dpm_list_count(&dpm_uc_head) : 0;
-    std::snprintf(out, len,
-                  "dev_cnt %u mod_cnt %u ap1 %u/%u ap2 %u/%u uc %zu mmc1 %u:%u mmc2 %u:%u maps %u "
-                  "ds %u%u%u%u",
-                  dpm_modid_dev_cache.dev_cnt, dpm_modid_dev_cache.mod_cnt,
-                  dpm_vslap_cache.ap[1].vsl_cnt, dpm_vslap_unused_cache.ap[1].vsl_cnt,
-                  dpm_vslap_cache.ap[2].vsl_cnt, dpm_vslap_unused_cache.ap[2].vsl_cnt, uc,
-                  dpm_mmc[1].valid, dpm_mmc[1].modid, dpm_mmc[2].valid, dpm_mmc[2].modid,
-                  dpm_dtm_cache.dtm_info_cnt, dpm_dtm_cache.ds_end, dpm_vslap_cache.ds_end,
-                  dpm_modid_dev_cache.ds_end, rdy_vsl_chip_ds_end);
-}
-
-// Damage the caches the way a faulty handler would, so that the tests can show
-// that each structural check fires. Test-only: this copy of the module is never
-// shipped. Returns 0 when the damage could be done.
-extern "C" __attribute__((visibility("default"))) int dpm_oracle_damage(int what) {
-    dpm_vslap_entry &ap = dpm_vslap_cache.ap[1];
-    if (!live(&ap.vsl_list) || dpm_list_empty(&ap.vsl_list)) return -1;
-    auto *port = dpm_list_first_entry(&ap.vsl_list, dpm_vsl_info, link);
-    switch (what) {
-        case 1:  // a count that no longer matches its list
-            ap.vsl_cnt++;
-            return 0;
-        case 2:  // a load that does not count the port's module ids
-            port->modid_cnt += 3;
-            return 0;
-        case 3: {  // a module id placed on a port without pointing back at it
-            for (uint32_t m = 0; m < DPM_MODID_MAX; ++m) {
-                if (dpm_bmp_test(port->modid_bmp, m) && dpm_modid_index[m] != nullptr) {
-                    dpm_modid_index[m]->uc_vsl = nullptr;
-                    return 0;
-                }
-            }
-            return -1;
-        }
-        case 4:  // a module id without an entry left on a port
-            dpm_bmp_set(port->modid_bmp, 1999);
-            return 0;
-        case 5:  // the device bitmap out of step with the device list
-            dpm_word_set(dpm_modid_dev_cache.dev_bmp, 9);
-            return 0;
-        default:
-            return -1;
-    }
 }

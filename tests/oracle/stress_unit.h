@@ -1,11 +1,12 @@
 // Stress harness of the module: a copy of the module with the consistency
-// oracle built in, and a driver that turns bytes into events of a small
-// unit (member 1 with its VSL ports towards members 2 and 3).
+// oracle built in, and a driver that turns bytes into events of a small unit
+// (member 1 with its VSL ports towards members 2 and 3).
 //
-// The copy is loaded once per process. A restart drops every registration
-// the instance made and puts every writable byte of the copy back to its load
-// value, which is what a new process would start from; the caches the old
-// instance allocated stay behind, as they would in a dead process.
+// The copy is loaded once per process. A restart drops every registration the
+// instance made, frees every block it still holds (the test builds' allocator
+// knows them) and puts every writable byte of the copy back to its load value:
+// what a new process would start from, with memory flat over any number of
+// restarts.
 #pragma once
 
 #include <cstdint>
@@ -20,64 +21,42 @@ namespace dpm_stress {
 
 class OracleModule {
   public:
-    // Loads a private copy of the shared object at `so_path`.
+    // Loads a private copy of the shared object at `so_path`. One per process:
+    // a restart frees every block the module's code holds.
     explicit OracleModule(const std::string &so_path);
-    ~OracleModule();
-    OracleModule(const OracleModule &) = delete;
-    OracleModule &operator=(const OracleModule &) = delete;
 
     // Globals back to their load values, then the entry point.
     int start(uint32_t devid = 1, uint32_t node_type = 1);
     // End the instance (its registrations) and start a fresh one.
     int restart(uint32_t devid = 1, uint32_t node_type = 1);
 
-    static constexpr int kStructure = 1;
-    static constexpr int kOutput = 2;
-    static constexpr int kAll = 3;
-    // Number of differences; the report lists them.
+    static constexpr int kStructure = 1, kOutput = 2, kMemory = 4, kAll = 7;
+    // Number of differences the oracle finds; the report lists them.
     int check(int flags, std::string *report) const;
-    bool ready() const;
+    // The four input syncs are over (the output checks apply).
+    bool ready() const { return ready_() != 0; }
     // The newest route map passes the calculation's test.
-    bool map_usable() const;
+    bool map_usable() const { return map_usable_() != 0; }
     // The application holds configured devices back (see dpm_oracle_held).
-    bool held() const;
-    std::string summary() const;
-    // Test-only damage of the caches (see dpm_oracle_damage).
-    int damage(int what);
+    bool held() const { return held_() != 0; }
 
   private:
     struct Range {
         uintptr_t start;
         std::vector<unsigned char> bytes;
     };
-    void snapshot();
-    void restore();
-
-    void *handle_ = nullptr;
-    std::string path_;
     std::vector<Range> ranges_;
     bool started_ = false;
-    using CheckFn = int (*)(int, char *, size_t);
-    using ReadyFn = int (*)();
-    using SummaryFn = void (*)(char *, size_t);
-    using InitFn = int (*)(ce_dpm_dlib_arg *);
-    using DamageFn = int (*)(int);
-    ReadyFn map_usable_ = nullptr;
-    ReadyFn held_ = nullptr;
-    DamageFn damage_ = nullptr;
-    CheckFn check_ = nullptr;
-    ReadyFn ready_ = nullptr;
-    SummaryFn summary_ = nullptr;
-    InitFn init_ = nullptr;
+    int (*init_)(ce_dpm_dlib_arg *) = nullptr;
+    int (*check_)(int, char *, size_t) = nullptr;
+    int (*ready_)() = nullptr;
+    int (*map_usable_)() = nullptr;
+    int (*held_)() = nullptr;
 };
 
-// Whether a restart keeps what the old instance's globals pointed at
-// reachable, for the leak checker (default). A fuzzer runs without the leak
-// checker and restarts far too often to keep them.
-void keep_old_instances(bool keep);
-
-// Where the test build put the oracle module.
+// Where the test build put the oracle module, and the process's one copy of it.
 const std::string &oracle_module_path();
+OracleModule &oracle_module();
 
 // ---- events -------------------------------------------------------------------------
 
@@ -103,6 +82,7 @@ enum class Kind : uint8_t {
     Reconnect,   // disconnect and resumed reconnect of one database
     Disconnect,  // disconnect only (the reconnect comes with a later event)
     Restart,
+    AllocFail,  // the module's next calloc calls fail (inputs with faults only)
     Count
 };
 
@@ -112,33 +92,15 @@ struct Event {
     std::string type;    // record events: full type name
     std::string packed;  // record events: the record
     uint32_t gslot = 0;  // card events
-    int devid = 0, slot = 0, sslot = 0, lport = 0;
-    std::optional<uint32_t> value;  // lookups; presence as 0/1
-    uint32_t pick = 0;              // which published choice a confirmation answers
-    std::string text;               // one line for reports
+    int devid = 0, slot = 0, lport = 0;
+    std::optional<uint32_t> value;  // modid, lookups, presence as 0/1, fault count
+    uint32_t pick = 0;  // node type, which answer, fault skip, or 1 for a wiring-true event
+    std::string text;   // one line for reports
 };
 
-// Reads an event sequence from bytes; exhausted input reads as zeros.
-class ByteReader {
-  public:
-    ByteReader(const uint8_t *data, size_t size) : p_(data), n_(size) {}
-    bool empty() const { return n_ == 0; }
-    uint8_t u8() {
-        if (n_ == 0) return 0;
-        --n_;
-        return *p_++;
-    }
-    uint32_t u16() { return static_cast<uint32_t>(u8()) | static_cast<uint32_t>(u8()) << 8; }
-
-  private:
-    const uint8_t *p_;
-    size_t n_;
-};
-
-// One event from the reader (ids mostly from the unit's own small world, with
-// a share of values outside every range).
-Event decode_event(ByteReader &in);
-std::vector<Event> decode_events(const uint8_t *data, size_t size, size_t max_events = 64);
+// Events from bytes (ids mostly from the unit's own small world, with a share
+// of values outside every range); exhausted input reads as zeros.
+std::vector<Event> decode_events(const uint8_t *data, size_t size, size_t max_events);
 
 // How a run begins.
 enum class Baseline : uint8_t {
@@ -149,15 +111,13 @@ enum class Baseline : uint8_t {
 
 class UnitDriver {
   public:
-    explicit UnitDriver(OracleModule &module) : module_(module) {}
+    explicit UnitDriver(OracleModule &module = oracle_module()) : module_(module) {}
     // Clean stand-in, lookup tables of the unit, the baseline, settled.
     void begin(Baseline baseline);
     // Apply one event and deliver everything it caused.
     void apply(const Event &e);
-    OracleModule &module() { return module_; }
 
   private:
-    void unit_records();
     OracleModule &module_;
 };
 
@@ -173,19 +133,21 @@ std::string vsl_link(int devid, int slot, int lport, int status, int apid, int p
 std::string unit_map(int a2, int a3);
 std::string chip_state(int devid, int slot, int unit, const char *word, uint32_t modid);
 std::string dev_state(int devid, const char *word);
-std::string mmc_state(uint32_t modid, uint32_t apid, size_t words);
 
-// One input of the event-sequence fuzzer: the first byte picks the baseline,
-// the rest is a sequence of at most 64 events; the oracle runs after the
-// baseline and after every event. Returns "" when every check held, else the
-// events so far and the oracle's report.
-std::string run_event_input(OracleModule &module, const uint8_t *data, size_t size);
+// One input of the event fuzzer: the first byte picks the baseline (and, from
+// 128 on, allocation failures among the events), the rest is a sequence of at
+// most 64 events; the oracle runs after the baseline and after every event
+// (while an allocation failure's effects last, on the caches and memory only).
+// Returns "" when every check held, else the events so far and the report.
+std::string run_event_input(const uint8_t *data, size_t size);
 
-// TOPO_DB in a comparable form: one line per record, text of its fields.
-// `member_order` false sorts the members of u_cluster.vsl_ap_member;
-// `empty_as_absent` leaves out member lists without members and filters
-// without bits.
-std::vector<std::string> topo_lines(bool member_order = true, bool empty_as_absent = false);
+// TOPO_DB as sorted text lines, one per record, member lists sorted, empty
+// member lists and filters left out (they say what their absence says).
+// `history_free` keeps only what must not depend on whether the process
+// restarted on the way: which destinations have a unicast record and through
+// which aggregate port, the member lists, which aggregate ports have a main
+// multicast choice.
+std::vector<std::string> topo_lines(bool history_free = false);
 std::string join(const std::vector<std::string> &lines);
 
 }  // namespace dpm_stress
