@@ -17,6 +17,7 @@
 #include <iostream>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <memory>
 
 #include <google/protobuf/util/message_differencer.h>
@@ -591,13 +592,30 @@ void Host::do_show(Cursor &c) {
 }
 
 // The unit as this member's databases say, drawn to a file (picture.h).
+// "picture members 1,2,3 FILE": several members of a unit sharing the server,
+// each through its own databases, drawn together with the links between them.
 void Host::do_picture(Cursor &c) {
-    std::filesystem::path path = c.word("picture file (.svg, .png or .dot)");
+    std::string word = c.word("picture file (.svg, .png or .dot)");
+    std::vector<MemberView> views;
+    if (word == "members") {
+        std::stringstream list(c.word("member list, e.g. 1,2,3"));
+        const int in_view = platform::db_view_member();
+        for (std::string m; std::getline(list, m, ',');) {
+            const auto devid = static_cast<uint32_t>(parse_int(m, 1, 32, "member"));
+            platform::db_view(static_cast<int>(devid));
+            views.push_back(local_member_view(devid));
+        }
+        platform::db_view(in_view);
+        word = c.word("picture file (.svg, .png or .dot)");
+    } else {
+        views.push_back(local_member_view(devid_));
+    }
+    std::filesystem::path path = word;
     std::string title = c.rest();
     if (path.is_relative() && !pictures_dir_.empty()) path = pictures_dir_ / path;
     std::error_code ec;
     if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
-    write_picture(unit_dot({local_member_view(devid_)}, title), path.string());
+    write_picture(unit_dot(views, title), path.string());
     emit("picture: " + std::filesystem::absolute(path).lexically_normal().string() + "\n");
 }
 
@@ -750,6 +768,7 @@ std::string Host::help() const {
         "  show DB [TYPE]\n"
         "  picture FILE [TITLE]                   draw the unit as the databases say (.svg, .png:\n"
         "                                         Graphviz; .dot: the text) into --pictures DIR\n"
+        "  picture members N,N,... FILE [TITLE]   the same for several members of a unit\n"
         "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"
         "      [within DURATION]                  wait (bounded) for another process to make it "
         "so\n"

@@ -7,8 +7,8 @@
 # waited for, bounded). Exit 0 only when every phase holds.
 #
 #   scripts/run-unit.sh            (BUILD=DIR for another build tree)
-# Hook: with PICTURE=1, each phase ends with "picture" commands of dpm-host
-# drawing every member into $OUT (default: the run directory).
+# After each phase the whole unit is drawn into $PICTURES (default
+# build/unit-pictures), whose path the run prints.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD:-$root/build/default}
@@ -21,7 +21,10 @@ fi
 
 dir=$(mktemp -d "${TMPDIR:-/tmp}/dpm-unit.XXXXXX")
 sock=$dir/redis.sock
-out=${OUT:-$dir}
+pictures=${PICTURES:-$root/build/unit-pictures}
+mkdir -p "$pictures"
+phase=0
+echo "pictures: $pictures"
 declare -A pids=()
 cleanup() {
   for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
@@ -58,11 +61,12 @@ play() {
     echo "FAILED: $1"
     exit 1
   fi
-  if [ -n "${PICTURE:-}" ]; then  # hook: draw every member after the phase
-    for m in 1 2 3; do printf 'member %s\npicture %s/%s-member%s.svg\n' "$m" "$out" "${2%.dpm}" "$m"; done \
-      >"$dir/picture.dpm"
-    "$host" --redis "unix:$sock" "$dir/picture.dpm" >/dev/null
-  fi
+  # The whole unit as the databases say after the phase: every member and the
+  # links between them.
+  phase=$((phase + 1))
+  printf 'picture members 1,2,3 %s/%02d-%s.svg %s\n' "$pictures" "$phase" "${2%.dpm}" "$1" \
+    >"$dir/picture.dpm"
+  "$host" --redis "unix:$sock" "$dir/picture.dpm" >/dev/null
 }
 
 # The inputs first, so that every member starts on the same stored state (the
