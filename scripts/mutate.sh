@@ -81,17 +81,23 @@ trap 'restore; exit 130' INT TERM
 trap restore EXIT
 
 n=0
-while IFS=$'\t' read -r -u 3 file occ orig repl desc; do
-  [[ $file == \#* || -z $file ]] && continue
+while IFS= read -r -u 3 line; do
+  [[ $line == \#* || -z $line ]] && continue
+  # Tabs are IFS white space, which read would merge: split by hand so that an
+  # empty replacement stays a field.
+  file=${line%%$'\t'*}
+  desc=${line##*$'\t'}
   n=$((n + 1))
   ((n < lo || n > hi)) && continue
   grep -q "^$n"$'\t' "$results" && continue
   target=$src/$file
   backup=$out/backup.cpp
   cp "$target" "$backup"
-  if ! python3 - "$target" "$occ" "$orig" "$repl" <<'EOF'; then
+  if ! python3 - "$target" "$line" <<'EOF'; then
 import sys
-path, occ, orig, repl = sys.argv[1], int(sys.argv[2]), sys.argv[3], sys.argv[4]
+path = sys.argv[1]
+_, occ, orig, repl, _ = sys.argv[2].split("\t")
+occ = int(occ)
 text = open(path).read()
 at = -1
 for _ in range(occ):
