@@ -37,14 +37,6 @@ class Apply : public FwdTest {
     }
 };
 
-TEST_F(Apply, NothingBeforeDataSyncEnd) {
-    ASSERT_EQ(dpm_calc_kel_cfg_by_dtm(), 0);
-    EXPECT_EQ(dpm_apply_kel_cfg(), 0);
-    EXPECT_TRUE(writes().empty());
-    EXPECT_TRUE(logged("ds not end!"));
-    EXPECT_EQ(dpm_dtm_cache.hwcfg, nullptr);
-}
-
 TEST_F(Apply, WritesOnlyDifferences) {
     first_apply();
     EXPECT_EQ(count(kMember, Op::Set), 1u);
@@ -111,24 +103,6 @@ TEST_F(Apply, ModidLeavingEveryPortIsDeleted) {
     EXPECT_EQ(dpm_list_count(&dpm_uc_head), 1u);
 }
 
-TEST_F(Apply, EgressBlockIsBroughtUpToDateByTheFirstDevice) {
-    first_apply();
-    // A new module id of device 2 joins the block of both ports.
-    add_mod(2, 102);
-    for (int apid : {1, 2}) dpm_bmp_set(dpm_egr_block[apid].modid_bmp, 102);
-    platform::clear_module_writes();
-    dpm_dev_head *own = dpm_find_dev_head(1);
-    dpm_dev_head *peer = dpm_find_dev_head(2);
-    dpm_apply_egr_by_devid(own, 1);
-    dpm_apply_egr_by_devid(peer, 1);
-    ASSERT_EQ(writes(kEgr).size(), 1u);
-    Unpacked<UCluster__VslSrcmodEgr> rec(&u_cluster__vsl_srcmod_egr__descriptor,
-                                         writes(kEgr)[0].packed);
-    ASSERT_EQ(rec->n_block_modid, 64u);
-    EXPECT_TRUE((rec->block_modid[102 / 32] >> (102 % 32)) & 1U);
-    EXPECT_TRUE(logged("modbmp is not changed!"));
-}
-
 TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {
     first_apply();
     // Device 2 keeps 101 on apid 1 but 100 leaves it and 102 joins.
@@ -184,74 +158,6 @@ TEST_F(Apply, VanishedModidLeavesThePermitOneWriteEach) {
     EXPECT_TRUE(logged("can't find modid 701 info!"));
     EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit[1].modid_bmp, 701));
     EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit_applied[1].modid_bmp, 700));
-}
-
-TEST_F(Apply, FailedWritesAreRetried) {
-    ds_ready();
-    ASSERT_EQ(dpm_calc_kel_cfg_by_dtm(), 0);
-    // The member write fails: the flag stays for the next application.
-    platform::fail("xn_mom_set", XN_MOM_TOPO_DB, 1);
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    EXPECT_TRUE(logged("set ap mem to mom fail!"));
-    EXPECT_TRUE(logged("apply ap 1 cfg fail"));
-    EXPECT_EQ(dpm_vslap_cache.ap[1].chang_flag, 1);
-    EXPECT_EQ(count(kUc, Op::Set), 2u);
-
-    // A unicast write fails: the filters are applied all the same.
-    dpm_modid_info *e = dpm_find_modid_info(100);
-    dpm_vsl_info *to = e->uc_vsl == p1 ? p2 : p1;
-    dpm_bmp_clear(e->uc_vsl->modid_bmp, 100);
-    dpm_bmp_set(to->modid_bmp, 100);
-    e->uc_vsl = to;
-    // Device 2 also gains a permit, granted after its unicast failed.
-    add_mod(2, 102);
-    dpm_bmp_set(dpm_igr_permit[1].modid_bmp, 102);
-    platform::clear_module_writes();
-    clear_log();
-    platform::fail("xn_mom_set", XN_MOM_TOPO_DB, 2);  // member record, then the uc record
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    EXPECT_TRUE(logged("set uc to mom failed!"));
-    EXPECT_TRUE(logged("apply uc failed, devid:2, rv is -11!"));
-    EXPECT_EQ(count(kIgr, Op::Set), 1u);
-    EXPECT_TRUE(dpm_bmp_test(dpm_igr_permit_applied[1].modid_bmp, 102));
-
-    platform::clear_module_writes();
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    EXPECT_EQ(count(kMember, Op::Set), 1u);
-    ASSERT_EQ(count(kUc, Op::Set), 1u);
-    EXPECT_EQ(uc_of(writes(kUc)[0])->index->modid, 100u);
-}
-
-TEST_F(Apply, FirstApplicationSetsOwnForwardingAndIsconfig) {
-    auto *chip = dpm_zalloc<dpm_vsl_chip>();
-    chip->devid = 1;
-    chip->modid = 10;
-    dpm_list_add_tail(&chip->link, &dpm_vsl_chip_head);
-    dpm_dev_head *peer = dpm_find_dev_head(2);
-    peer->fwd_state = DPM_FWD_FORWARD;
-    first_apply();
-    EXPECT_EQ(count("u_cluster.kel_dev_fwdstate", Op::Set), 1u);
-    EXPECT_EQ(dpm_find_dev_head(1)->fwd_state, DPM_FWD_FORWARD);
-    // The own device was applied before it forwarded; the peer forwards and
-    // has applied unicast records.
-    EXPECT_EQ(dpm_find_dev_head(1)->isconfig, 0);
-    EXPECT_EQ(peer->isconfig, 1);
-    platform::clear_module_writes();
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    EXPECT_EQ(dpm_find_dev_head(1)->isconfig, 1);
-    EXPECT_EQ(count("u_cluster.kel_dev_fwdstate", Op::Set), 0u);
-
-    // A configured device is held back while another used one does not forward.
-    peer->fwd_state = DPM_FWD_BLOCK;
-    clear_log();
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    EXPECT_FALSE(logged("enter, devid:1"));
-    EXPECT_FALSE(logged("enter, devid:2"));
-    is_exprire_mom_flag = 1;
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    is_exprire_mom_flag = 0;
-    EXPECT_TRUE(logged("DS, apply configed, dev:1"));
-    EXPECT_TRUE(logged("DS, apply configed, dev:2"));
 }
 
 }  // namespace

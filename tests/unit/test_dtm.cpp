@@ -132,15 +132,6 @@ INSTANTIATE_TEST_SUITE_P(BothRingCutTypes, DtmConvertTest,
                                            ConvertCase{"fiap_route_info", true}),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST_F(DtmTest, EmptyFibListIsAccepted) {
-    DtmRecord r({}, {{1, 1, 0, {2}}});
-    EXPECT_EQ(feed(r), 0);
-    ASSERT_NE(dpm_dtm_cache.newest, nullptr);
-    EXPECT_EQ(dpm_dtm_cache.newest->fib_num, 0U);
-    EXPECT_EQ(dpm_dtm_cache.newest->mfib_num, 1U);
-    EXPECT_EQ(dpm_dtm_cache.dtm_info_cnt, 1U);
-}
-
 // ---- refusals -----------------------------------------------------------------------
 
 TEST_F(DtmTest, RefusedEventsLeaveTheHistoryAlone) {
@@ -212,115 +203,7 @@ TEST_F(DtmTest, HistoryKeepsTenMapsAndEvictsTheOldest) {
     }
 }
 
-TEST_F(DtmTest, AppliedMapStaysReadableAfterEvictionUntilHwcfgMoves) {
-    ASSERT_EQ(feed_simple(1), 0);
-    dpm_dtm_info *applied = dpm_dtm_cache.newest;
-    dpm_set_hwcfg(applied);
-    for (int i = 2; i <= 12; ++i) ASSERT_EQ(feed_simple(i), 0);
-
-    // Out of the history, still designated and still intact (the sanitizer
-    // build turns a freed read into a failure).
-    EXPECT_EQ(dpm_dtm_cache.hwcfg, applied);
-    EXPECT_EQ(dpm_dtm_cache.oldest->local_id, 3);
-    dpm_dtm_info *m = nullptr;
-    dpm_list_for_each_entry(m, &dpm_dtm_cache.history, link) EXPECT_NE(m, applied);
-    EXPECT_EQ(applied->local_id, 1);
-    EXPECT_EQ(applied->mfib_num, 1U);
-    EXPECT_EQ(applied->mfibs[0].oif_id[0], 1);
-
-    // hwcfg moves on: the retired map is released, the new one is in the list.
-    dpm_set_hwcfg(dpm_dtm_cache.newest);
-    EXPECT_EQ(dpm_dtm_cache.hwcfg->local_id, 12);
-
-    // The new applied map is evicted in turn and again stays readable.
-    for (int i = 13; i <= 22; ++i) ASSERT_EQ(feed_simple(i), 0);
-    EXPECT_EQ(dpm_dtm_cache.hwcfg->local_id, 12);
-    EXPECT_EQ(dpm_dtm_cache.oldest->local_id, 13);
-    EXPECT_EQ(intake_test::list_len(&dpm_dtm_cache.history), 10U);
-
-    // Clearing hwcfg keeps the null test meaningful.
-    dpm_set_hwcfg(nullptr);
-    EXPECT_EQ(dpm_dtm_cache.hwcfg, nullptr);
-}
-
-TEST_F(DtmTest, MapsBeforeReadinessOnlyAccumulate) {
-    for (int i = 1; i <= 3; ++i) ASSERT_EQ(feed_simple(i), 0);
-    EXPECT_EQ(log_count("ds not end!"), 3);
-    EXPECT_EQ(dpm_dtm_cache.newest->local_id, 3);
-    EXPECT_EQ(dpm_dtm_cache.hwcfg, nullptr);
-    EXPECT_TRUE(platform::module_writes().empty());
-}
-
-TEST_F(DtmTest, MapAfterReadinessIsCalculatedAndApplied) {
-    make_ready(false);
-    // A map that routes nothing over this member's VSL ports is valid
-    // without any active port.
-    DtmRecord r({{2, 1, 1}}, {{2, 2, 1, {1}}}, false, 9);
-    clear_log();
-    ASSERT_EQ(feed(r), 0);
-    EXPECT_FALSE(logged("ds not end!", "dpm_proc_dtm_info"));
-    EXPECT_EQ(dpm_dtm_cache.hwcfg, dpm_dtm_cache.newest);
-    EXPECT_EQ(dpm_dtm_cache.hwcfg->local_id, 9);
-}
-
 // ---- data sync ------------------------------------------------------------------------
-
-TEST_F(DtmTest, ScanOverSetsDsEndWhateverTheCommandUnlessDataSync) {
-    for (int cmd : {0, int{XN_MOM_CMD_SET}, int{XN_MOM_CMD_DEL}, int{XN_MOM_CMD_HMSET}}) {
-        SCOPED_TRACE(cmd);
-        dpm_dtm_cache.ds_end = 0;
-        clear_log();
-        Event e = Event::scan_over(cmd);
-        EXPECT_EQ(dpm_dtm_cb(platform::host_handle(), e.get()), 0);
-        EXPECT_EQ(dpm_dtm_cache.ds_end, 1);
-        // The data-sync end is asked, and finds the other syncs missing.
-        EXPECT_TRUE(logged("ds not end!", "dpm_proc_ds_end"));
-    }
-    dpm_dtm_cache.ds_end = 0;
-    Event ds = Event::scan_over(XN_MOM_CMD_DS);
-    EXPECT_EQ(dpm_dtm_cb(platform::host_handle(), ds.get()), 0);
-    EXPECT_EQ(dpm_dtm_cache.ds_end, 0);
-}
-
-TEST_F(DtmTest, DataSyncRequestScansTheRecordTypeOfTheRingCut) {
-    struct Row {
-        int32_t cut;
-        bool fiap;
-        bool scans;
-    };
-    for (const Row &row : {Row{0, false, true}, Row{1, true, true}, Row{2, false, false}}) {
-        SCOPED_TRACE(row.cut);
-        platform::reset();
-        dpm_cache_init();
-        clear_log();
-        g_kel_ring_cut_type = row.cut;
-        DtmRecord stored({{1, 2, 1}}, {{1, 2, 1, {2}}}, row.fiap, 42);
-        const char *type = row.fiap ? "p_dev.dtm_fiap_route_info" : "p_dev.dtm_route_info";
-        ASSERT_EQ(platform::db_set(XN_MOM_LOCAL_DB, type, dpm_test::pack(stored.msg())), 0);
-
-        Event e = Event::ds_request();
-        EXPECT_EQ(dpm_dtm_cb(platform::host_handle(), e.get()), 0);
-        platform::run_until_idle();
-        if (row.scans) {
-            ASSERT_NE(dpm_dtm_cache.newest, nullptr);
-            EXPECT_EQ(dpm_dtm_cache.newest->local_id, 42);
-            EXPECT_EQ(dpm_dtm_cache.ds_end, 1);
-        } else {
-            EXPECT_TRUE(logged("unknown kel cut type:2", "dpm_dtm_cb"));
-            EXPECT_EQ(dpm_dtm_cache.newest, nullptr);
-            EXPECT_EQ(dpm_dtm_cache.ds_end, 0);
-        }
-    }
-}
-
-TEST_F(DtmTest, FailedScanLeavesTheSyncOpen) {
-    platform::fail("xn_mom_scan", XN_MOM_LOCAL_DB);
-    Event e = Event::ds_request();
-    EXPECT_EQ(dpm_dtm_cb(platform::host_handle(), e.get()), 0);
-    platform::run_until_idle();
-    EXPECT_TRUE(logged("scan dtm info failed!", "dpm_dtm_ds"));
-    EXPECT_EQ(dpm_dtm_cache.ds_end, 0);
-}
 
 // ---- state cleanup of unreached devices -------------------------------------------
 

@@ -130,25 +130,6 @@ TEST_F(Mmc, RemovalStates) {
     }
 }
 
-TEST_F(Mmc, WaitingRemovalEndsWithTheConfirmationDeletion) {
-    dpm_vsl_info *a = add_vsl(1, 3, 12, 22);
-    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    store_back(12, 1);
-    take_down(a);
-    ASSERT_EQ(dpm_mmc[1].wait_del, 1);
-    // A deletion for another module id changes nothing.
-    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 7, 1), 0);
-    EXPECT_TRUE(logged("mmc_back is not same as del mmc"));
-    EXPECT_EQ(dpm_mmc[1].wait_del, 1);
-    // The right one: no port is left, so no new choice.
-    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 12, 1), 0);
-    EXPECT_TRUE(logged("mmc[apid:1] has been del on hardware"));
-    EXPECT_TRUE(logged("no new mmc!"));
-    EXPECT_EQ(dpm_mmc[1].valid, 0);
-    EXPECT_EQ(dpm_mmc[1].wait_del, 0);
-    EXPECT_EQ(dpm_mmc[1].vsl, nullptr);
-}
-
 // A choice made while the removal of the previous one is still awaited (the
 // data-sync end drops an unbound choice and chooses again) is a published
 // choice like any other: its record is written and it awaits its own
@@ -170,17 +151,6 @@ TEST_F(Mmc, NewChoiceSupersedesAnAwaitedRemoval) {
     EXPECT_TRUE(logged("mmc_back[apid:1] is not waiting for harware config"));
     EXPECT_EQ(dpm_mmc[1].valid, 1);
     EXPECT_EQ(dpm_mmc[1].lport, 4u);
-}
-
-TEST_F(Mmc, NonChosenPortDownOnlyLogs) {
-    add_vsl(1, 3, 12, 22);
-    dpm_vsl_info *b = add_vsl(1, 4, 14, 24);
-    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    platform::clear_module_writes();
-    take_down(b);
-    EXPECT_TRUE(logged("not mmc vsl down!"));
-    EXPECT_TRUE(writes().empty());
-    EXPECT_EQ(dpm_mmc[1].valid, 1);
 }
 
 TEST_F(Mmc, Confirmations) {
@@ -206,18 +176,6 @@ TEST_F(Mmc, Confirmations) {
     err.err = 5;
     EXPECT_EQ(dpm_mmc_back_cb(nullptr, &err), -4);
     EXPECT_TRUE(logged("msg error is 5!"));
-}
-
-TEST_F(Mmc, DataSyncRequestScansConfirmations) {
-    add_vsl(1, 3, 12, 22);
-    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    store_back(12, 1);
-    xn_mom_msg_t ds{};
-    ds.cmd = XN_MOM_CMD_DS;
-    EXPECT_EQ(dpm_mmc_back_cb(platform::host_handle(), &ds), 0);
-    platform::run_until_idle();
-    EXPECT_EQ(dpm_mmc[1].wait_add, 0);
-    EXPECT_TRUE(logged("scan mmc_back over"));
 }
 
 }  // namespace
