@@ -20,6 +20,7 @@
 
 #include <google/protobuf/util/message_differencer.h>
 
+#include "picture.h"
 #include "records.h"
 
 namespace host {
@@ -47,7 +48,49 @@ struct ExitWatch {
 };
 ExitWatch g_watch;
 
+// Everything printed while an action runs, by the module from any callback
+// (timers included) and by the host's own reports, is that action's output:
+// standard output goes to a scratch file for the length of the action and is
+// read back afterwards, kept for the expectations and passed on.
+struct StdoutCapture {
+    FILE *file = nullptr;
+    int saved = -1;
+};
+StdoutCapture g_capture;
+
+bool capture_begin() {
+    fflush(stdout);
+    g_capture.file = tmpfile();
+    g_capture.saved = g_capture.file != nullptr ? dup(STDOUT_FILENO) : -1;
+    if (g_capture.saved < 0 || dup2(fileno(g_capture.file), STDOUT_FILENO) < 0) {
+        if (g_capture.saved >= 0) close(g_capture.saved);
+        if (g_capture.file != nullptr) fclose(g_capture.file);
+        g_capture = StdoutCapture{};
+        return false;
+    }
+    return true;
+}
+
+// Standard output back where it was; returns what the action printed.
+std::string capture_end() {
+    if (g_capture.file == nullptr) return {};
+    fflush(stdout);
+    dup2(g_capture.saved, STDOUT_FILENO);
+    close(g_capture.saved);
+    std::string out;
+    rewind(g_capture.file);
+    char buf[4096];
+    size_t n = 0;
+    while ((n = fread(buf, 1, sizeof buf, g_capture.file)) > 0) out.append(buf, n);
+    fclose(g_capture.file);
+    g_capture = StdoutCapture{};
+    return out;
+}
+
 void on_process_exit(int status, void *) {
+    // The process may end inside an action: what it printed so far is shown.
+    const std::string printed = capture_end();
+    fwrite(printed.data(), 1, printed.size(), stdout);
     if (!g_watch.finished && !g_watch.running.empty()) {
         printf("exit: %d\n", status);
         fflush(stdout);
@@ -155,7 +198,7 @@ void flush_module_stdout() {
 
 // ---- set-up ---------------------------------------------------------------------
 
-Host::Host(const Options &opt) : oracle_(opt.oracle) {
+Host::Host(const Options &opt) : oracle_(opt.oracle), pictures_dir_(opt.pictures_dir) {
     scratch_.create();
     g_watch = ExitWatch{};
     g_watch.scratch = scratch_.path();
@@ -236,7 +279,7 @@ void Host::run_action(const std::string &verb, Cursor &c) {
     static const std::map<std::string, Handler> handlers = {
         {"set", &Host::do_set}, {"port", &Host::do_port},   {"fail", &Host::do_fail},
         {"db", &Host::do_db},   {"agent", &Host::do_agent}, {"card", &Host::do_card},
-        {"cmd", &Host::do_cmd}, {"show", &Host::do_show},
+        {"cmd", &Host::do_cmd}, {"show", &Host::do_show},   {"picture", &Host::do_picture},
     };
     last_output_.clear();
     last_log_.clear();
@@ -250,21 +293,33 @@ void Host::run_action(const std::string &verb, Cursor &c) {
             h->last_log_.insert(h->last_log_.end(), lines.begin(), lines.end());
         }
     } keep{this};
+    struct KeepOutput {
+        Host *h;
+        bool on = capture_begin();
+        ~KeepOutput() {
+            if (!on) return;
+            h->last_output_ = capture_end();
+            std::cout << h->last_output_ << std::flush;
+        }
+    };
 
-    if (verb == "start" || verb == "restart") {
-        c.end();
-        do_start(verb == "restart");
-    } else if (verb == "advance") {
-        uint64_t us = parse_duration_us(c.word("duration"));
-        c.end();
-        platform::advance_us(us);
-    } else if (auto it = handlers.find(verb); it != handlers.end()) {
-        (this->*(it->second))(c);
-    } else {
-        throw ScriptError("unknown command '" + verb + "' (help lists the commands)");
+    {
+        const KeepOutput output{this};
+        if (verb == "start" || verb == "restart") {
+            c.end();
+            do_start(verb == "restart");
+        } else if (verb == "advance") {
+            uint64_t us = parse_duration_us(c.word("duration"));
+            c.end();
+            platform::advance_us(us);
+        } else if (auto it = handlers.find(verb); it != handlers.end()) {
+            (this->*(it->second))(c);
+        } else {
+            throw ScriptError("unknown command '" + verb + "' (help lists the commands)");
+        }
+        settle();
+        flush_module_stdout();
     }
-    settle();
-    flush_module_stdout();
     check_oracle();
 }
 
@@ -294,7 +349,7 @@ void Host::settle() {
 
 void Host::emit(const std::string &text) {
     flush_module_stdout();
-    last_output_ += text;
+    if (g_capture.file == nullptr) last_output_ += text;  // else the capture keeps it
     // Debug commands often end without a newline; keep the next line apart.
     std::cout << text << (text.empty() || text.back() == '\n' ? "" : "\n") << std::flush;
 }
@@ -492,6 +547,17 @@ void Host::do_show(Cursor &c) {
     emit(text);
 }
 
+// The unit as this member's databases say, drawn to a file (picture.h).
+void Host::do_picture(Cursor &c) {
+    std::filesystem::path path = c.word("picture file (.svg, .png or .dot)");
+    std::string title = c.rest();
+    if (path.is_relative() && !pictures_dir_.empty()) path = pictures_dir_ / path;
+    std::error_code ec;
+    if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
+    write_picture(unit_dot({local_member_view(devid_)}, title), path.string());
+    emit("picture: " + std::filesystem::absolute(path).lexically_normal().string() + "\n");
+}
+
 // ---- expectations ---------------------------------------------------------------
 
 void Host::expect(Cursor &c) {
@@ -575,9 +641,9 @@ void Host::expect(Cursor &c) {
 // ---- help -----------------------------------------------------------------------
 
 const std::vector<std::string> &Host::command_words() {
-    static const std::vector<std::string> words = {"set",     "port",   "fail",  "start", "restart",
-                                                   "advance", "db",     "agent", "card",  "cmd",
-                                                   "show",    "expect", "print", "help"};
+    static const std::vector<std::string> words = {
+        "set",  "port", "fail", "start",   "restart", "advance", "db",  "agent",
+        "card", "cmd",  "show", "picture", "expect",  "print",   "help"};
     return words;
 }
 
@@ -606,6 +672,8 @@ std::string Host::help() const {
         "  card add|del DEV/SLOT/SSLOT | card online DEV/SLOT/SSLOT yes|no\n"
         "  cmd NAME [INT...]                      a debug command of the module\n"
         "  show DB [TYPE]\n"
+        "  picture FILE [TITLE]                   draw the unit as the databases say (.svg, .png:\n"
+        "                                         Graphviz; .dot: the text) into --pictures DIR\n"
         "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"
         "  expect log|no-log [FUNC] TEXT           a line of the previous command's log\n"
         "  expect output|no-output TEXT | expect exit N\n"

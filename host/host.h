@@ -28,6 +28,7 @@ struct Options {
     // After every command, ask the module's built-in consistency oracle (the
     // test-only build of the module exports one) and fail on a difference.
     bool oracle = false;
+    std::string pictures_dir;  // where relative picture paths go; empty: the current directory
 };
 
 class Host {
@@ -68,10 +69,12 @@ class Host {
     void do_card(Cursor &c);
     void do_cmd(Cursor &c);
     void do_show(Cursor &c);
+    void do_picture(Cursor &c);
 
     Scratch scratch_;
     ModuleLoader loader_;
     bool oracle_ = false;
+    std::string pictures_dir_;
     int log_fd_ = -1;
     uint32_t devid_ = 1;
     uint32_t node_type_ = 1;

@@ -19,8 +19,9 @@ constexpr int kFailed = 1;
 constexpr int kScriptError = 2;
 
 void usage(std::ostream &os) {
-    os << "usage: dpm-host [--db PATH] [--log PATH|-] [--module PATH] [--oracle] SCRIPT...\n"
-          "       dpm-host [--db PATH] [--log PATH|-] [--module PATH] --shell\n";
+    os << "usage: dpm-host [--db PATH] [--log PATH|-] [--module PATH] [--pictures DIR] [--oracle]"
+          " SCRIPT...\n"
+          "       dpm-host [--db PATH] [--log PATH|-] [--module PATH] [--pictures DIR] --shell\n";
 }
 
 int run_script(host::Host &h, const std::string &path) {
@@ -101,6 +102,8 @@ int main(int argc, char **argv) {
             opt.log_path = value("--log");
         } else if (a == "--module" || a.rfind("--module=", 0) == 0) {
             opt.module_path = value("--module");
+        } else if (a == "--pictures" || a.rfind("--pictures=", 0) == 0) {
+            opt.pictures_dir = value("--pictures");
         } else if (a == "--oracle") {
             opt.oracle = true;
         } else if (a == "--help" || a == "-h") {

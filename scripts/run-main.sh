@@ -5,4 +5,6 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
-exec build/default/host/dpm-host scenarios/two_member_unit.dpm
+pictures=build/main-job-pictures
+echo "pictures of each phase: $PWD/$pictures"
+exec build/default/host/dpm-host --pictures "$pictures" scenarios/two_member_unit.dpm

@@ -422,9 +422,18 @@ void check_mmc(Report &r) {
     for (const auto &[apid, list] : recorded) {
         if (!dpm_apid_valid(apid)) r.add("mainmc_vlan: %zu records for apid %u", list.size(), apid);
     }
+    std::set<std::pair<uint32_t, uint32_t>> answers;  // (apid, modid) of mainmc_vlan_st
+    for (const auto &rec : platform::db_records(kTopo, "u_cluster.mainmc_vlan_st")) {
+        Unpacked<UCluster__MainmcVlanSt> u(&u_cluster__mainmc_vlan_st__descriptor, rec.packed);
+        if (u.msg != nullptr && u.msg->index != nullptr)
+            answers.emplace(u.msg->index->apid, u.msg->index->t_cfg_modid);
+    }
     for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
         const dpm_mmc_info &mmc = dpm_mmc[apid];
-        const bool want = mmc.valid && !mmc.wait_del;
+        // A choice bound to a port is published, also one made while the
+        // deletion of the previous one is still awaited; an unbound choice
+        // that awaits its deletion has none.
+        const bool want = mmc.valid && (mmc.vsl != nullptr || !mmc.wait_del);
         const auto &list = recorded[static_cast<uint32_t>(apid)];
         for (const auto &[modid, full] : list) {
             if (!want || modid != mmc.modid) {
@@ -437,6 +446,11 @@ void check_mmc(Report &r) {
         }
         if (want && list.empty()) {
             r.add("mainmc_vlan apid %d: choice modid %u has no record", apid, mmc.modid);
+        }
+        // A confirmation the module holds is in TOPO_DB.
+        const dpm_mmc_info &back = dpm_mmc_back[apid];
+        if (back.valid && answers.count({static_cast<uint32_t>(apid), back.modid}) == 0) {
+            r.add("mainmc_vlan_st apid %d: confirmed modid %u has no record", apid, back.modid);
         }
     }
 }

@@ -1,4 +1,5 @@
 // Application and write-back: what is written, how often, and in which order.
+#include "frame_test_util.h"
 #include "fwd_fixture.h"
 
 namespace {
@@ -101,6 +102,27 @@ TEST_F(Apply, ModidLeavingEveryPortIsDeleted) {
     EXPECT_EQ(writes(kUc)[0].op, Op::Del);
     EXPECT_EQ(uc_of(writes(kUc)[0])->index->modid, 101u);
     EXPECT_EQ(dpm_list_count(&dpm_uc_head), 1u);
+}
+
+TEST_F(Apply, EgressBlockIsBroughtUpToDateByTheFirstDevice) {
+    first_apply();
+    // A new module id of device 2 joins the block of both ports.
+    add_mod(2, 102);
+    for (int apid : {1, 2}) dpm_bmp_set(dpm_egr_block[apid].modid_bmp, 102);
+    platform::clear_module_writes();
+    dpm_dev_head *own = dpm_find_dev_head(1);
+    dpm_dev_head *peer = dpm_find_dev_head(2);
+    dpm_apply_egr_by_devid(own, 1);
+    dpm_apply_egr_by_devid(peer, 1);
+    ASSERT_EQ(writes(kEgr).size(), 1u);
+    Unpacked<UCluster__VslSrcmodEgr> rec(&u_cluster__vsl_srcmod_egr__descriptor,
+                                         writes(kEgr)[0].packed);
+    ASSERT_EQ(rec->n_block_modid, 64u);
+    EXPECT_TRUE((rec->block_modid[102 / 32] >> (102 % 32)) & 1U);
+    const auto log = platform::take_log();
+    const char *fn = "dpm_apply_egr_by_devid";
+    EXPECT_TRUE(frame_test::has_log(log, fn, "set egr success!, apid:1, devid:1"));
+    EXPECT_TRUE(frame_test::has_log(log, fn, "modbmp is not changed!"));
 }
 
 TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {

@@ -1,6 +1,7 @@
 // Unicast balance: placement on the least loaded port, the route lookup, and
 // the rebalancing passes (including caches whose counts disagree with their
 // bitmaps, which must not make the loop spin).
+#include "frame_test_util.h"
 #include "fwd_fixture.h"
 
 namespace {
@@ -144,6 +145,46 @@ TEST_F(Balance, MainBoardsMoveWithoutChangingLoad) {
         EXPECT_EQ(dpm_find_modid_info(m)->uc_vsl, b) << m;
     }
     for (uint32_t m : {1u, 2u}) EXPECT_TRUE(dpm_bmp_test(a->modid_bmp, m)) << m;
+}
+
+TEST_F(Balance, RebalanceEndsWhenBitmapDisagreesWithCount) {
+    struct Case {
+        const char *name;
+        std::vector<uint32_t> bits;  // bits of port A; none has a module-id entry
+        uint32_t known;              // module ids of A that do have an entry
+    } cases[] = {
+        {"count without bits", {}, 0},
+        {"bits of unknown module ids", {5, 900, 2047}, 0},
+        {"one movable module id, count far too high", {7, 8}, 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        TearDown();
+        SetUp();
+        dpm_vsl_info *a = add_vsl(1, 1);
+        dpm_vsl_info *b = add_vsl(1, 2);
+        for (uint32_t m : c.bits) dpm_bmp_set(a->modid_bmp, m);
+        for (uint32_t k = 0; k < c.known; ++k) {
+            dpm_modid_info *e = add_mod(2, 1000 + k);
+            dpm_bmp_set(a->modid_bmp, e->modid);
+            e->uc_vsl = a;
+        }
+        a->modid_cnt = 50;
+        dpm_restore_vsl_lb_ptr();
+        dpm_restore_vsl_lb_in_ap(1);
+        EXPECT_EQ(b->modid_cnt, c.known);
+        EXPECT_EQ(a->modid_cnt, 50 - c.known);
+        for (uint32_t m : c.bits) EXPECT_TRUE(dpm_bmp_test(a->modid_bmp, m)) << m;
+        const auto log = platform::take_log();
+        const char *fn = "dpm_restore_vsl_lb_in_ap";
+        EXPECT_EQ(frame_test::has_log(log, fn, "change uc modid info:1000"), c.known != 0);
+        if (!c.bits.empty()) {
+            const std::string text = "can't find modid info:" + std::to_string(c.bits.back());
+            EXPECT_TRUE(frame_test::has_log(log, fn, text));
+        }
+    }
+    dpm_restore_vsl_lb_in_ap(0);
+    dpm_restore_vsl_lb_in_ap(3);
 }
 
 }  // namespace

@@ -45,7 +45,6 @@ class Cache : public ::testing::Test {
     void TearDown() override { dpm_cache_init(); }
 };
 
-
 template <class T>
 bool all_zero(const T &t) {
     const auto *p = reinterpret_cast<const unsigned char *>(&t);

@@ -72,6 +72,39 @@ TEST_F(DsEnd, RestoredUnicastIsLaidOnActivePorts) {
     (void)q;
 }
 
+TEST_F(DsEnd, RestartKeepsPlacementsAndExpiresTheRest) {
+    add_waiting(1, 1, 10, 20);
+    add_waiting(1, 2, 11, 21);
+    ready_chip(10);
+    ready_chip(20);
+    ready_chip(11);
+    ready_chip(21);
+    // The previous run put 5 on port 2 and 6 on port 1; module id 8 is gone
+    // and 5000 never was one.
+    restored_uc(5, 11, 2);
+    restored_uc(6, 10, 1);
+    restored_uc(8, 10, 1);
+    restored_uc(5000, 10, 1);
+    ds_ready();
+    dpm_proc_ds_end(platform::host_handle());
+    platform::run_until_idle();
+    dpm_vsl_port port1{1, 1, 0, 1};
+    dpm_vsl_port port2{1, 1, 0, 2};
+    dpm_vsl_info *p1 = dpm_get_vsl_info(&dpm_vslap_cache, &port1, 1);
+    dpm_vsl_info *p2 = dpm_get_vsl_info(&dpm_vslap_cache, &port2, 1);
+    ASSERT_NE(p1, nullptr);
+    ASSERT_NE(p2, nullptr);
+    EXPECT_EQ(dpm_find_modid_info(5)->uc_vsl, p2);
+    EXPECT_EQ(dpm_find_modid_info(6)->uc_vsl, p1);
+    // Under the open brackets every kept record is written; 8 and 5000 are deleted.
+    EXPECT_EQ(count(kUc, Op::Set), 3u);
+    EXPECT_EQ(count(kUc, Op::Del), 2u);
+    EXPECT_TRUE(logged("dst modid 5000 is not exist!"));
+    EXPECT_TRUE(logged("del uc, modid:5000!"));
+    EXPECT_EQ(is_exprire_mom_flag, 0);
+    EXPECT_EQ(dpm_mmc[1].vsl, p1);
+}
+
 TEST_F(DsEnd, RestoredMulticastBoundOrReplaced) {
     struct Case {
         const char *name;

@@ -131,11 +131,9 @@ TEST_F(Mmc, RemovalStates) {
 }
 
 // A choice made while the removal of the previous one is still awaited (the
-// data-sync end drops an unbound choice and chooses again) is a published
-// choice like any other: its record is written and it awaits its own
-// confirmation, not the deletion of the one it replaces. A late deletion
-// confirmation must not take the new choice down.
-TEST_F(Mmc, NewChoiceSupersedesAnAwaitedRemoval) {
+// data-sync end drops an unbound choice and chooses again) leaves the removal
+// awaited: its late confirmation drops the choice and chooses again.
+TEST_F(Mmc, NewChoiceLeavesAnAwaitedRemovalAwaited) {
     dpm_vsl_info *a = add_vsl(1, 3, 12, 22);
     ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
     store_back(12, 1);
@@ -146,11 +144,14 @@ TEST_F(Mmc, NewChoiceSupersedesAnAwaitedRemoval) {
     ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
     EXPECT_EQ(dpm_mmc[1].valid, 1);
     EXPECT_EQ(dpm_mmc[1].wait_add, 1);
-    EXPECT_EQ(dpm_mmc[1].wait_del, 0);
+    EXPECT_EQ(dpm_mmc[1].wait_del, 1);
+    platform::clear_module_writes();
     EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 12, 1), 0);
-    EXPECT_TRUE(logged("mmc_back[apid:1] is not waiting for harware config"));
-    EXPECT_EQ(dpm_mmc[1].valid, 1);
+    EXPECT_TRUE(logged("mmc[apid:1] has been del on hardware"));
+    EXPECT_TRUE(logged("recalculate mmc[apid:1]. rv is 0"));
+    EXPECT_EQ(dpm_mmc[1].wait_del, 0);
     EXPECT_EQ(dpm_mmc[1].lport, 4u);
+    EXPECT_EQ(count(kMmc, Op::Set), 1u);  // chosen again and written
 }
 
 TEST_F(Mmc, Confirmations) {
@@ -167,9 +168,15 @@ TEST_F(Mmc, Confirmations) {
     EXPECT_EQ(dpm_mmc_back[2].modid, 9u);
     EXPECT_EQ(deliver(XN_MOM_CMD_SET, 9, 2), 0);
     EXPECT_TRUE(logged("mmc_back[apid:2] is not waiting for harware config"));
-    // Out-of-range apids and broken events never reach the tables.
+    // Its record deleted unasked: the choice stays, the confirmation goes.
+    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 9, 2), 0);
+    EXPECT_EQ(dpm_mmc[2].valid, 1);
+    EXPECT_EQ(dpm_mmc_back[2].valid, 0);
+    // Apid 0 has a slot and takes the common path; larger apids and broken
+    // events never reach the tables.
+    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 0, 0), 0);
+    EXPECT_TRUE(logged("mmc_back[apid:0] is not waiting for harware config"));
     EXPECT_EQ(deliver(XN_MOM_CMD_SET, 9, 3), 0);
-    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 9, 0), 0);
     EXPECT_TRUE(logged("mmc_back apid 3 is out of range, ignored"));
     EXPECT_EQ(dpm_mmc_back_cb(nullptr, nullptr), -4);
     xn_mom_msg_t err{};

@@ -46,18 +46,19 @@ TEST_F(TopoWatch, UnicastReadBackTakesTheRecordsValues) {
     put_uc(200, 5, 1, 6, 7);
     put_uc(100, 7, 2, 9, 11);
     put_uc(2047, 1, 1, 1, 1);
-    put_uc(3000, 1, 1, 1, 1);  // beyond any module-id table
+    put_uc(3000, 1, 1, 1, 1);  // beyond any module-id table: taken all the same
 
     ds_request(dpm_uc_balance_cb);
     const auto e = uc_entries();
-    ASSERT_EQ(e.size(), 3U);
+    ASSERT_EQ(e.size(), 4U);
     EXPECT_EQ(e[0].dstmodid, 100U);
     EXPECT_EQ(&dpm_list_first_entry(&dpm_uc_head, dpm_uc_info, link)->link, &held->link);
     struct want {
         uint32_t dst, local, peer, apid, lport;
     };
-    const want w[] = {{100, 7, 11, 2, 9}, {200, 5, 7, 1, 6}, {2047, 1, 1, 1, 1}};
-    for (size_t i = 0; i < 3; ++i) {
+    const want w[] = {
+        {100, 7, 11, 2, 9}, {200, 5, 7, 1, 6}, {2047, 1, 1, 1, 1}, {3000, 1, 1, 1, 1}};
+    for (size_t i = 0; i < 4; ++i) {
         EXPECT_EQ(e[i].dstmodid, w[i].dst);
         EXPECT_EQ(e[i].localmodid, w[i].local) << w[i].dst;
         EXPECT_EQ(e[i].peer_modid, w[i].peer) << w[i].dst;
@@ -66,10 +67,6 @@ TEST_F(TopoWatch, UnicastReadBackTakesTheRecordsValues) {
         EXPECT_EQ(e[i].expire, 1) << w[i].dst;
         EXPECT_EQ(e[i].apply, 0) << w[i].dst;
     }
-    auto log = platform::take_log();
-    EXPECT_TRUE(has_log(log, "dpm_proc_uc_balance_info",
-                        "uc balance record modid 3000 out of range [0-2047], dropped",
-                        XN_ZLOG_ERROR));
     EXPECT_EQ(g_uc_ds_over, 1);
     EXPECT_EQ(g_igr_ds_over, 0);
 }
@@ -162,6 +159,9 @@ class Expire : public TopoWatch {
 TEST_F(Expire, AllBracketsOpenRewriteAndClose) {
     ring_on();
     put_stale();
+    dpm_vslap_cache.ap[1].vsl_cnt = 1;  // apid 1 has a port in use, apid 2 none
+    dpm_igr_permit_applied[2].modid_bmp[0] = 1;
+    dpm_egr_block_applied[2].modid_bmp[0] = 1;
     platform::run_until_idle();
     platform::clear_module_writes();
     platform::take_log();
@@ -173,6 +173,12 @@ TEST_F(Expire, AllBracketsOpenRewriteAndClose) {
     }
     EXPECT_TRUE(ring_has(DPM_T_SETEXPIRE));
     EXPECT_TRUE(ring_has(DPM_T_DELEXPIRE));
+    // Nothing was rewritten without a map: the dropped filters no longer
+    // count as written, and only an aggregate port with ports owes members.
+    EXPECT_TRUE(dpm_bmp_empty(dpm_igr_permit_applied[2].modid_bmp));
+    EXPECT_TRUE(dpm_bmp_empty(dpm_egr_block_applied[2].modid_bmp));
+    EXPECT_EQ(dpm_vslap_cache.ap[1].chang_flag, 1);
+    EXPECT_EQ(dpm_vslap_cache.ap[2].chang_flag, 0);
     auto log = platform::take_log();
     for (const char *f :
          {"dpm_kel_set_expire", "dpm_kel_expire_igr_finish", "dpm_kel_expire_egr_finish",
@@ -197,6 +203,9 @@ TEST_F(Expire, ClosingStopsAtTheFirstFailureAndTheFlagIsCleared) {
         ring_on();
         put_stale();
         platform::run_until_idle();
+        dpm_vslap_cache.ap[1].vsl_cnt = 1;
+        dpm_igr_permit_applied[1].modid_bmp[0] = 1;
+        dpm_egr_block_applied[1].modid_bmp[0] = 1;
         fail_nth("xn_mom_dsend", k);
         dpm_kel_set_expire(platform::host_handle());
         auto log = platform::take_log();
@@ -212,6 +221,10 @@ TEST_F(Expire, ClosingStopsAtTheFirstFailureAndTheFlagIsCleared) {
         const char *order[] = {"u_cluster.kel_uc_balance", "u_cluster.vsl_srcmod_igr",
                                "u_cluster.vsl_srcmod_egr", "u_cluster.vsl_ap_member"};
         for (int j = 0; j < 4; ++j) EXPECT_EQ(stale_left(order[j]), j >= k) << order[j];
+        // Only what was dropped no longer counts as written.
+        EXPECT_EQ(dpm_bmp_empty(dpm_igr_permit_applied[1].modid_bmp), k >= 2);
+        EXPECT_EQ(dpm_bmp_empty(dpm_egr_block_applied[1].modid_bmp), k >= 3);
+        EXPECT_EQ(dpm_vslap_cache.ap[1].chang_flag, 0);
         platform::clear_faults();
     }
 }

@@ -251,7 +251,9 @@ int dpm_set_igr_to_db(uint32_t devid, int apid, const dpm_modid_bmp &bmp) {
 
 namespace {
 
+// The write step of the egress application, logged under its name.
 int dpm_set_egr_to_db(uint32_t devid, int apid, const dpm_modid_bmp &bmp) {
+    static constexpr const char *fn = "dpm_apply_egr_by_devid";
     UCluster__VslSrcmodEgr rec = U_CLUSTER__VSL_SRCMOD_EGR__INIT;
     UCluster__ApidIdx idx = U_CLUSTER__APID_IDX__INIT;
     idx.apid = static_cast<uint32_t>(apid);
@@ -260,9 +262,9 @@ int dpm_set_egr_to_db(uint32_t devid, int apid, const dpm_modid_bmp &bmp) {
     rec.block_modid = const_cast<uint32_t *>(bmp.data());
     int rv = dpm_topo_set(&rec.base);
     if (rv != 0) {
-        DPM_ERR("set egr failed!, apid:%d, devid:%d", apid, devid);
+        DPM_ERR_FN(fn, "set egr failed!, apid:%d, devid:%d", apid, devid);
     } else {
-        DPM_INFO("set egr success!, apid:%d, devid:%d", apid, devid);
+        DPM_INFO_FN(fn, "set egr success!, apid:%d, devid:%d", apid, devid);
     }
     return rv;
 }

@@ -47,15 +47,17 @@ int dpm_bmp_prev(const dpm_modid_bmp &bmp, int below) {
 
 // Move one module id, the highest one of MAX that the cache knows, to MIN.
 // False when MAX holds nothing movable (its bitmap disagrees with its count).
+// One step of the rebalancing pass, so its messages carry the pass's name.
 bool dpm_move_one_modid(dpm_vsl_info *max, dpm_vsl_info *min) {
+    static constexpr const char *fn = "dpm_restore_vsl_lb_in_ap";
     for (int m = dpm_bmp_prev(max->modid_bmp, DPM_MODID_MAX); m >= 0;
          m = dpm_bmp_prev(max->modid_bmp, m)) {
         dpm_modid_info *e = dpm_find_modid_info(static_cast<uint32_t>(m));
         if (e == nullptr) {
-            DPM_ERR("can't find modid info:%d", m);
+            DPM_ERR_FN(fn, "can't find modid info:%d", m);
             continue;
         }
-        DPM_INFO("change uc modid info:%d", m);
+        DPM_INFO_FN(fn, "change uc modid info:%d", m);
         if (dpm_modid_counts(e) && max->modid_cnt > 0) max->modid_cnt--;
         dpm_bmp_clear(max->modid_bmp, static_cast<uint32_t>(m));
         dpm_bmp_set(min->modid_bmp, static_cast<uint32_t>(m));

@@ -47,11 +47,9 @@ void dpm_set_dev_dtm_used(void) {
             continue;
         }
         dpm_dev_head *dev = dpm_find_dev_head(fib.dst);
+        // A failed creation has logged "can;t alloc!" itself.
         if (dev == nullptr) dev = dpm_alloc_dev_head(fib.dst);
-        if (dev == nullptr) {
-            DPM_ERR("can;t alloc!");
-            continue;
-        }
+        if (dev == nullptr) continue;
         dev->is_dtm_used = 1;
     }
 }

@@ -85,10 +85,6 @@ int dpm_cal_mmc_by_apid(int apid) {
     mmc.slotid = vsl->slot;
     mmc.sslotid = vsl->sslot;
     mmc.wait_add = 1;
-    // A new choice is published and awaits its own confirmation only: a
-    // removal still awaited for the choice it replaces is over (its record is
-    // gone), and its late confirmation must not take this one down.
-    mmc.wait_del = 0;
     mmc.vsl = vsl;
     dpm_set_mmc_to_db(apid);
     return DPM_OK;
@@ -231,6 +227,10 @@ void dpm_proc_mmc_back_del(int apid, uint32_t modid) {
     } else {
         DPM_INFO("mmc_back[apid:%d] is not waiting for harware config", apid);
     }
+    // Awaited or not, the hardware no longer holds what a deleted record
+    // confirmed: a confirmation kept for it would claim a state that is gone.
+    dpm_mmc_info &back = dpm_mmc_back[apid];
+    if (back.valid && back.modid == modid) back = dpm_mmc_info{};
 }
 
 }  // namespace
@@ -253,8 +253,9 @@ int dpm_mmc_back_cb(void *client, xn_mom_msg_t *msg) {
         DPM_ERR("mmc_back record is NULL!");
         return DPM_OK;
     }
+    // The tables have a slot for apid 0 too; only larger apids cannot be held.
     uint32_t apid = rec->index->apid;
-    if (!dpm_apid_valid(apid)) {
+    if (apid >= static_cast<uint32_t>(DPM_APID_SLOTS)) {
         DPM_ERR("mmc_back apid %u is out of range, ignored", apid);
         return DPM_OK;
     }

@@ -146,15 +146,17 @@ static dpm_modid_info *dpm_add_modid_info(const SIntf__EvtModAlloc *record) {
     entry->idnum_per_unit = record->idnum_per_unit;
 
     dpm_dev_head *dev = dpm_find_dev_head(static_cast<uint32_t>(idx->devid));
+    // A failed creation has logged "can;t alloc!" itself.
     if (dev == nullptr) dev = dpm_alloc_dev_head(static_cast<uint32_t>(idx->devid));
     if (dev == nullptr) {
-        DPM_ERR("can;t alloc!");
         free(entry);
         return nullptr;
     }
 
     // Only now, with the new entry certain, does the old one go: a refused add
-    // leaves the cache as it was.
+    // leaves the cache as it was. A move is a delete followed by an add, so
+    // that counts, filters, port placement and (as master) an emptied
+    // device's state records stay true.
     if (old != nullptr) {
         dpm_release_moved_modid(old);
         if (old_dev != nullptr) {
@@ -241,8 +243,9 @@ int dpm_proc_modid_del(const SIntf__EvtModAlloc *record) {
     udp_dpm_time_record(DPM_T_MODID_DEL, static_cast<int32_t>(entry->modid));
     if (!dpm_is_ds_ready()) {
         DPM_ERR("ds not end!");
-        // No balance ran, but a port may still hold the entry from an earlier
-        // placement: it must not point at freed memory.
+        // No balance runs, but a port may still carry the id from an earlier
+        // placement: it leaves that port, so the port's load never goes stale
+        // and never names freed memory.
         if (entry->uc_vsl != nullptr) {
             if (static_cast<uint32_t>(entry->type) != DPM_NODE_MB && entry->uc_vsl->modid_cnt > 0)
                 entry->uc_vsl->modid_cnt--;
@@ -278,20 +281,21 @@ int dpm_mod_alloc_ds(void *client) {
 }
 
 // A record the bitmaps cannot hold (or without its key) is dropped before it
-// touches any cache.
+// touches any cache; the drop is reported by the callback that received it.
 static const SIntf__EvtModAlloc *dpm_modid_record_usable(const ProtobufCMessage *msg) {
+    static constexpr const char *fn = "dpm_mod_alloc_cb";
     if (msg == nullptr || msg->descriptor != &s_intf__evt_mod_alloc__descriptor) {
-        DPM_ERR("mod alloc record invalid, dropped");
+        DPM_ERR_FN(fn, "mod alloc record invalid, dropped");
         return nullptr;
     }
     const auto *rec = reinterpret_cast<const SIntf__EvtModAlloc *>(msg);
     if (rec->index == nullptr) {
-        DPM_ERR("mod alloc record without index, modid:%d, dropped", rec->modid);
+        DPM_ERR_FN(fn, "mod alloc record without index, modid:%d, dropped", rec->modid);
         return nullptr;
     }
     if (!dpm_devid_valid(rec->index->devid) || !dpm_modid_valid(rec->modid)) {
-        DPM_ERR("mod alloc out of range, devid:%d, modid:%d, dropped", rec->index->devid,
-                rec->modid);
+        DPM_ERR_FN(fn, "mod alloc out of range, devid:%d, modid:%d, dropped", rec->index->devid,
+                   rec->modid);
         return nullptr;
     }
     return rec;

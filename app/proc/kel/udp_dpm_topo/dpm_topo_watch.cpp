@@ -39,14 +39,9 @@ static dpm_uc_info *dpm_find_uc_info(uint32_t dstmodid) {
 
 static void dpm_proc_uc_balance_info(const UCluster__KelUcBalance *rec) {
     DPM_INFO("enter");
+    // Any module id is taken: one that no module-id entry has (2048 and more
+    // included) is reported at data-sync end and its record then expires.
     const uint32_t modid = rec->index != nullptr ? rec->index->modid : 0;
-    // Every other table is indexed by module id: one beyond 2048 cannot be
-    // placed on a port again.
-    if (modid >= DPM_MODID_MAX) {
-        DPM_ERR("uc balance record modid %u out of range [0-%u], dropped", modid,
-                DPM_MODID_MAX - 1);
-        return;
-    }
     dpm_uc_info *uc = dpm_find_uc_info(modid);
     if (uc == nullptr) {
         uc = dpm_zalloc<dpm_uc_info>();
@@ -253,36 +248,42 @@ static int dpm_ds_end(void *client, const ProtobufCMessage *tmpl) {
     return xn_mom_dsend(client, XN_MOM_TOPO_DB, tmpl, 0, 0, 0);
 }
 
-static void dpm_kel_del_expire_all(void *client, const dpm_expire_tmpls &t) {
+// Closes the brackets in order and returns how many closed: after a return
+// of n, the first n of uc, igr, egr, ap-member dropped their expired records.
+static int dpm_kel_del_expire_all(void *client, const dpm_expire_tmpls &t) {
     DPM_INFO("enter");
     if (dpm_ds_end(client, &t.uc.base) != 0) {
         DPM_ERR("dsend keluc failed!");
-        return;
+        return 0;
     }
     if (dpm_ds_end(client, &t.igr.base) != 0) {
         DPM_ERR("dsend igr failed!");
-        return;
+        return 1;
     }
     if (dpm_ds_end(client, &t.egr.base) != 0) {
         DPM_ERR("dsend egr failed!");
-        return;
+        return 2;
     }
     if (dpm_ds_end(client, &t.apmbr.base) != 0) {
         DPM_ERR("dsend apmbr failed!");
-        return;
+        return 3;
     }
     udp_dpm_time_record(DPM_T_DELEXPIRE, 0);
+    return 4;
 }
 
-// Without a route map the application writes nothing, so closing the
-// brackets drops every member list and filter record. Nothing may then count
-// as written: the next application must write the member lists and filters
-// again instead of finding them unchanged.
-static void dpm_kel_forget_applied(void) {
+// Without a route map the application writes nothing, so every bracket that
+// closed dropped all records of its type. What was dropped no longer counts
+// as written: the filters' applied copies are emptied, and an aggregate port
+// with active ports owes its member list, so that the first map writes them
+// again instead of finding them unchanged. An aggregate port without links
+// owes nothing.
+static void dpm_kel_forget_dropped(int closed) {
     for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
-        dpm_vslap_cache.ap[apid].chang_flag = 1;
-        dpm_igr_permit_applied[apid].modid_bmp.fill(0);
-        dpm_egr_block_applied[apid].modid_bmp.fill(0);
+        if (closed >= 2) dpm_igr_permit_applied[apid].modid_bmp.fill(0);
+        if (closed >= 3) dpm_egr_block_applied[apid].modid_bmp.fill(0);
+        if (closed >= 4 && dpm_vslap_cache.ap[apid].vsl_cnt != 0)
+            dpm_vslap_cache.ap[apid].chang_flag = 1;
     }
 }
 
@@ -292,8 +293,8 @@ static void dpm_kel_expire_finish(void *client, const dpm_expire_tmpls &t) {
     // so that it is confirmed inside its bracket.
     (void)dpm_apply_kel_cfg();
     dpm_update_my_fwd_state(1);
-    dpm_kel_del_expire_all(client, t);
-    if (!dpm_is_ds_ready()) dpm_kel_forget_applied();
+    const int closed = dpm_kel_del_expire_all(client, t);
+    if (!dpm_is_ds_ready()) dpm_kel_forget_dropped(closed);
 }
 
 static void dpm_kel_expire_uc_finish(void *client, const dpm_expire_tmpls &t) {

@@ -412,8 +412,8 @@ static int udp_dpm_dbg_dtm(int local_id, int shape, int fib_num, int mfib_num) {
     int32_t oifs[DPM_DBG_DTM_MAX][2] = {};
     char line[DPM_DBG_LINE];
 
-    // The record carries exactly the routes read (at most 16 of each kind)
-    // and states no more than it carries.
+    // The record carries the routes read (at most 16 of each kind); its
+    // counts are the operator's, as given.
     const int nfib = dpm_dbg_route_count(fib_num);
     const int nmfib = dpm_dbg_route_count(mfib_num);
 
@@ -453,10 +453,10 @@ static int udp_dpm_dbg_dtm(int local_id, int shape, int fib_num, int mfib_num) {
     PDev__DtmRouteInfo rec = P_DEV__DTM_ROUTE_INFO__INIT;
     rec.local_id = local_id;
     rec.shape = shape;
-    rec.fib_num = nfib;
+    rec.fib_num = fib_num;
     rec.n_fibs = static_cast<size_t>(nfib);
     rec.fibs = nfib != 0 ? fib_ptrs : nullptr;
-    rec.mfib_num = nmfib;
+    rec.mfib_num = mfib_num;
     rec.n_mfibs = static_cast<size_t>(nmfib);
     rec.mfibs = nmfib != 0 ? mfib_ptrs : nullptr;
     int rv = xn_mom_set(g_udp_dpm_global, XN_MOM_LOCAL_DB, &rec.base, 0, 0);
