@@ -38,72 +38,6 @@ class Apply : public FwdTest {
     }
 };
 
-TEST_F(Apply, WritesOnlyDifferences) {
-    first_apply();
-    EXPECT_EQ(count(kMember, Op::Set), 1u);
-    EXPECT_EQ(count(kUc, Op::Set), 2u);
-    EXPECT_EQ(count(kIgr, Op::Set), 1u);
-    EXPECT_EQ(count(kEgr, Op::Set), 2u);
-    EXPECT_EQ(dpm_vslap_cache.ap[1].chang_flag, 0);
-    EXPECT_EQ(dpm_dtm_cache.hwcfg, dpm_dtm_cache.newest);
-    for (const auto &w : writes(kUc)) {
-        auto rec = uc_of(w);
-        // Additions go round the ports in list order.
-        const dpm_vsl_info *p = rec->index->modid == 100 ? p1 : p2;
-        EXPECT_EQ(rec->apid, 1u);
-        EXPECT_EQ(rec->lport, static_cast<uint32_t>(p->lport));
-        EXPECT_EQ(rec->local_modid, p->chipid);
-        EXPECT_EQ(rec->peer_modid, p->peer_chip);
-    }
-
-    // Nothing changed: nothing written.
-    platform::clear_module_writes();
-    ASSERT_EQ(dpm_calc_kel_cfg_by_dtm(), 0);
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    EXPECT_TRUE(writes().empty());
-
-    // One module id moves to the other port: one unicast record.
-    dpm_modid_info *e = dpm_find_modid_info(100);
-    dpm_vsl_info *from = e->uc_vsl;
-    dpm_vsl_info *to = from == p1 ? p2 : p1;
-    dpm_bmp_clear(from->modid_bmp, 100);
-    dpm_bmp_set(to->modid_bmp, 100);
-    e->uc_vsl = to;
-    platform::clear_module_writes();
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    ASSERT_EQ(writes().size(), 1u);
-    auto rec = uc_of(writes()[0]);
-    EXPECT_EQ(rec->index->modid, 100u);
-    EXPECT_EQ(rec->lport, static_cast<uint32_t>(to->lport));
-
-    // Under the expire flag everything is written again.
-    platform::clear_module_writes();
-    is_exprire_mom_flag = 1;
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    is_exprire_mom_flag = 0;
-    EXPECT_EQ(count(kMember, Op::Set), 2u);
-    EXPECT_EQ(count(kUc, Op::Set), 2u);
-    // Each device rewrites the permit at each of its four steps and the
-    // block once per aggregate port.
-    EXPECT_EQ(count(kIgr, Op::Set), 8u);
-    EXPECT_EQ(count(kEgr, Op::Set), 4u);
-    EXPECT_EQ(count(kUc, Op::Del), 0u);
-}
-
-TEST_F(Apply, ModidLeavingEveryPortIsDeleted) {
-    first_apply();
-    dpm_modid_info *e = dpm_find_modid_info(101);
-    dpm_bmp_clear(e->uc_vsl->modid_bmp, 101);
-    e->uc_vsl->modid_cnt--;
-    e->uc_vsl = nullptr;
-    platform::clear_module_writes();
-    ASSERT_EQ(dpm_apply_kel_cfg(), 0);
-    ASSERT_EQ(writes(kUc).size(), 1u);
-    EXPECT_EQ(writes(kUc)[0].op, Op::Del);
-    EXPECT_EQ(uc_of(writes(kUc)[0])->index->modid, 101u);
-    EXPECT_EQ(dpm_list_count(&dpm_uc_head), 1u);
-}
-
 TEST_F(Apply, EgressBlockIsBroughtUpToDateByTheFirstDevice) {
     first_apply();
     // A new module id of device 2 joins the block of both ports.
@@ -148,38 +82,6 @@ TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {
     EXPECT_FALSE(permit(igr[0], 102));  // not granted yet
     EXPECT_TRUE(permit(igr[0], 101));
     EXPECT_TRUE(permit(igr[1], 102));
-}
-
-TEST_F(Apply, DeviceOutsideIngressLosesItsPermits) {
-    first_apply();
-    dpm_word_clear(dpm_igr_permit[1].dev_bmp, 2);
-    dpm_igr_permit[1].modid_bmp = dpm_modid_bmp{};
-    dpm_bmp_set(dpm_igr_permit[1].modid_bmp, 1);
-    platform::clear_module_writes();
-    dpm_apply_igr_by_devid(dpm_find_dev_head(2), 1, 1);
-    EXPECT_TRUE(logged("devid 2 is not in igr apid 1"));
-    ASSERT_EQ(writes(kIgr).size(), 1u);
-    EXPECT_TRUE(dpm_bmp_empty(dpm_igr_permit_applied[1].modid_bmp));
-    // Nothing left to withdraw: no write the second time.
-    platform::clear_module_writes();
-    dpm_apply_igr_by_devid(dpm_find_dev_head(2), 1, 1);
-    EXPECT_TRUE(writes().empty());
-    EXPECT_TRUE(logged("devid 2, apid 1. return"));
-}
-
-TEST_F(Apply, VanishedModidLeavesThePermitOneWriteEach) {
-    first_apply();
-    for (uint32_t m : {700u, 701u}) {
-        dpm_bmp_set(dpm_igr_permit[1].modid_bmp, m);
-        dpm_bmp_set(dpm_igr_permit_applied[1].modid_bmp, m);
-    }
-    platform::clear_module_writes();
-    dpm_apply_igr_for_del_modid(1);
-    EXPECT_EQ(writes(kIgr).size(), 2u);
-    EXPECT_TRUE(logged("del modid:700 in apid:1"));
-    EXPECT_TRUE(logged("can't find modid 701 info!"));
-    EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit[1].modid_bmp, 701));
-    EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit_applied[1].modid_bmp, 700));
 }
 
 }  // namespace

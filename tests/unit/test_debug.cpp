@@ -52,25 +52,6 @@ TEST_F(Debug, ApidIsRefusedOutside1To2) {
     }
 }
 
-TEST_F(Debug, ModuleIdDumps) {
-    dpm_dev_head *dev = dpm_alloc_dev_head(2);
-    ASSERT_NE(dev, nullptr);
-    dev->fwd_state = 2;
-    auto *m = dpm_zalloc<dpm_modid_info>();
-    *m = dpm_modid_info{{}, 65, 2, 1, 0, 3, 0, nullptr, 1, 0, 0};
-    dpm_list_add_tail(&m->link, &dev->modid_list);
-    dpm_bmp_set(dev->modid_bmp, 65);
-    // Module id without a unicast port: only its first line.
-    EXPECT_EQ(run_cmd("dump_modid_info", {65}),
-              "modid:65, devid:2, slot:1, sslot:0, unit:3, type:1, is_used:0\n");
-    EXPECT_EQ(run_cmd("dump_modid_info", {66}), "can't find modid 66 info\n");
-    EXPECT_EQ(run_cmd("dump_modid_by_dev", {9}), "");
-
-    m->is_used = 1;
-    m->uc_vsl = vsl(dpm_vslap_cache, 1, 2, 1, 5);
-    EXPECT_EQ(run_cmd("dump_modid_by_dev", {2}), golden("dump_modid_by_dev_2.txt"));
-}
-
 TEST_F(Debug, VslCachesMarkLoads) {
     dpm_vsl_info *a = vsl(dpm_vslap_cache, 1, 1, 2, 3);
     vsl(dpm_vslap_cache, 1, 1, 2, 4);

@@ -23,10 +23,6 @@ struct DevState {
     ProtobufCMessage *msg() { return &rec.base; }
 };
 
-int feed(Event e) {
-    return dpm_dev_fwd_state_cb(platform::host_handle(), e.get());
-}
-
 // The own record as written to UDP_DB.
 std::string written_word(const platform::ModuleWrite &w) {
     UCluster__KelDevFwdstate *m = u_cluster__kel_dev_fwdstate__unpack(
@@ -39,18 +35,6 @@ std::string written_word(const platform::ModuleWrite &w) {
 }
 
 class FwdStateTest : public IntakeTest {};
-
-TEST_F(FwdStateTest, OwnRecordIsNotTakenFromTheDatabase) {
-    dpm_find_dev_head(g_mydevid)->fwd_state = DPM_FWD_FORWARD;
-    make_ready();
-    DevState s(g_mydevid, "block");
-    EXPECT_EQ(feed(Event::set(s.msg())), 0);
-    EXPECT_EQ(dpm_find_dev_head(g_mydevid)->fwd_state, DPM_FWD_FORWARD);
-    EXPECT_TRUE(logged("my state is 2 in cache! my state is 0 in mom!"));
-    // Nothing follows, not even the application's own readiness test.
-    EXPECT_FALSE(logged("ds not end!"));
-    EXPECT_TRUE(platform::module_writes().empty());
-}
 
 TEST_F(FwdStateTest, UpdateMyFwdState) {
     struct Row {
