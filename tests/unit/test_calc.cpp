@@ -35,6 +35,9 @@ TEST_F(Calc, FiltersOfTwoMembersWithOneOwnMulticastRoute) {
     EXPECT_EQ(dpm_egr_block[2].modid_bmp, bmp({1, 2, 100, 101}));
     EXPECT_EQ(dpm_egr_block[1].apid, 0u);
     EXPECT_EQ(dpm_dtm_cache.newest->valid, 1);
+    // The history keeps the ten newest maps.
+    for (int i = 0; i < 10; ++i) set_dtm({{1, 2, 1}}, {});
+    EXPECT_EQ(dpm_list_count(&dpm_dtm_cache.history), DPM_DTM_HISTORY_MAX);
 }
 
 TEST_F(Calc, FilterRouteOddities) {

@@ -74,6 +74,22 @@ TEST_F(Mmc, NewChoiceLeavesAnAwaitedRemovalAwaited) {
     EXPECT_EQ(count(kMmc, Op::Set), 1u);  // chosen again and written
 }
 
+// With the card gone nobody confirms the awaited removal either: it ends here.
+TEST_F(Mmc, OfflineCardEndsAnAwaitedRemoval) {
+    dpm_vsl_info *a = add_vsl(1, 3, 12, 22);
+    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
+    store_back(12, 1);
+    take_down(a);
+    dpm_vsl_info *b = add_vsl(1, 4, 12, 23);
+    dpm_mmc[1].valid = 0;
+    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
+    ASSERT_EQ(dpm_mmc[1].wait_del, 1);
+    platform::set_card_online(b->devid, b->slot, b->sslot, false);
+    take_down(b);
+    EXPECT_EQ(dpm_mmc[1].wait_del, 0);
+    EXPECT_EQ(dpm_mmc[1].valid, 0);
+}
+
 TEST_F(Mmc, Confirmations) {
     add_vsl(2, 3, 9, 22);
     ASSERT_EQ(dpm_cal_mmc_by_apid(2), 0);
