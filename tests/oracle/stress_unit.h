@@ -60,31 +60,13 @@ OracleModule &oracle_module();
 // presence, agent records, a chip-id lookup (or its failure), a database's
 // session lost and resumed (or only lost), a restart, and failing callocs
 // (inputs with faults only).
+// clang-format off
 enum class Kind : uint8_t {
-    ModAlloc,
-    ModAllocDel,
-    VslLink,
-    VslLinkDel,
-    Map,
-    MapDel,
-    ChipState,
-    ChipStateDel,
-    DevState,
-    DevStateDel,
-    MmcConfirm,
-    MmcConfirmDel,
-    CardAdd,
-    CardDel,
-    CardOnline,
-    Grole,
-    CardInfo,
-    ChipLookup,
-    Reconnect,
-    Disconnect,
-    Restart,
-    AllocFail,
-    Count
+    ModAlloc, ModAllocDel, VslLink, VslLinkDel, Map, MapDel, ChipState, ChipStateDel,
+    DevState, DevStateDel, MmcConfirm, MmcConfirmDel, CardAdd, CardDel, CardOnline, Grole,
+    CardInfo, ChipLookup, Reconnect, Disconnect, Restart, AllocFail, Count
 };
+// clang-format on
 
 struct Event {
     Kind kind = Kind::Restart;

@@ -145,41 +145,32 @@ TEST(RestartProperties, OracleCleanAfterEveryEvent) {
     }
 }
 
-TEST(RestartProperties, RestartWithUnchangedInputsKeepsTopoDb) {
-    size_t compared = 0;
+// A restart with unchanged inputs leaves TOPO_DB as it was (the order of the
+// members inside u_cluster.vsl_ap_member aside); a restart anywhere in the
+// sequence, followed by the rest of it, ends like the uninterrupted run where
+// the outcome does not depend on history.
+TEST(RestartProperties, RestartsKeepTopoDb) {
+    size_t kept = 0, alike = 0;
     for (uint32_t seed : seeds()) {
         Sequence r = random_run(seed, true);
         if (!play(r, seed)) return;
-        const auto before = topo_lines();
-        const bool compare = comparable();
+        const auto before = topo_lines(), straight = topo_lines(true);
+        const bool usable = comparable();
         UnitDriver().apply(Event{});
         std::string report;
         const std::string ran = "seed " + std::to_string(seed) + "\n" +
                                 trail(int(r.baseline), with_restart(r, r.events.size()));
         ASSERT_EQ(oracle_module().check(OracleModule::kAll, &report), 0) << ran << report;
-        if (!compare) continue;
-        compared += before.empty() ? 0 : 1;
-        ASSERT_EQ(before, topo_lines()) << ran << "before:\n"
-                                        << join(before) << "after:\n"
-                                        << join(topo_lines());
-    }
-    if (seeds().size() > 10) {
-        EXPECT_GT(compared, seeds().size() / 2);
-    }
-}
-
-TEST(RestartProperties, RestartAnywhereEndsCleanAndLikeTheUninterruptedRun) {
-    size_t compared = 0;
-    for (uint32_t seed : seeds()) {
-        Sequence r = random_run(seed, true);
-        std::mt19937 rng(seed * 7919U);
-        const size_t at = rng() % (r.events.size() + 1);
-        if (!play(r, seed)) return;
-        const auto straight = topo_lines(true);
-        const bool usable = comparable();
+        if (usable) {
+            kept += before.empty() ? 0 : 1;
+            ASSERT_EQ(before, topo_lines()) << ran << "before:\n"
+                                            << join(before) << "after:\n"
+                                            << join(topo_lines());
+        }
+        const size_t at = std::mt19937(seed * 7919U)() % (r.events.size() + 1);
         if (!play(r, seed, at)) return;
         if (!usable || !comparable()) continue;
-        ++compared;
+        ++alike;
         ASSERT_EQ(straight, topo_lines(true))
             << "seed " << seed << "\n"
             << trail(int(r.baseline), with_restart(r, at)) << "uninterrupted:\n"
@@ -187,7 +178,8 @@ TEST(RestartProperties, RestartAnywhereEndsCleanAndLikeTheUninterruptedRun) {
             << join(topo_lines(true));
     }
     if (seeds().size() > 10) {
-        EXPECT_GT(compared, seeds().size() / 3);
+        EXPECT_GT(kept, seeds().size() / 2);
+        EXPECT_GT(alike, seeds().size() / 3);
     }
 }
 
