@@ -129,30 +129,6 @@ TEST_F(Balance, PlacementByTypeAndRoute) {
     }
 }
 
-TEST_F(Balance, RouteLookupUsesOnlyRealAggregatePorts) {
-    struct Case {
-        uint8_t oif;
-        int want;
-    } cases[] = {{1, 1}, {2, 2}, {0, -11}, {3, -11}, {255, -11}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(static_cast<int>(c.oif));
-        TearDown();
-        SetUp();
-        // The first own route to device 5 decides, even when a later one is usable.
-        set_dtm({{2, 5, 1}, {1, 5, c.oif}, {1, 5, 1}}, {{1, 2, 1, 1, 1, 0}});
-        add_vsl(1, 1);
-        add_vsl(2, 2);
-        dpm_restore_vsl_lb_ptr();
-        dpm_modid_info *e = add_mod(5, 60);
-        EXPECT_EQ(dpm_get_uc_oif_by_modid(60), c.want);
-        EXPECT_EQ(dpm_uc_balance_for_modid_add(e), c.want < 0 ? -11 : 0);
-        EXPECT_EQ(e->uc_vsl == nullptr, c.want < 0);
-    }
-    EXPECT_EQ(dpm_get_uc_oif_by_modid(61), -7);
-    EXPECT_TRUE(logged("can't find modid 61 info!"));
-    EXPECT_EQ(dpm_get_uc_oif_by_modid(5000), -7);
-}
-
 TEST_F(Balance, MainBoardsMoveWithoutChangingLoad) {
     dpm_vsl_info *a = add_vsl(1, 1);
     dpm_vsl_info *b = add_vsl(1, 2);
@@ -209,29 +185,6 @@ TEST_F(Balance, RebalanceEndsWhenBitmapDisagreesWithCount) {
     }
     dpm_restore_vsl_lb_in_ap(0);
     dpm_restore_vsl_lb_in_ap(3);
-}
-
-TEST_F(Balance, DeleteLowersLoadAndRebalances) {
-    dpm_vsl_info *a = add_vsl(1, 1);
-    dpm_vsl_info *b = add_vsl(1, 2);
-    dpm_modid_info *x = add_mod(2, 1);
-    dpm_modid_info *y = add_mod(2, 2);
-    dpm_modid_info *z = add_mod(2, 3, DPM_NODE_MB);
-    place(x, a);
-    place(y, b);
-    place(z, b);
-    dpm_restore_vsl_lb_ptr();
-    dpm_uc_balance_for_modid_del(z);
-    EXPECT_EQ(b->modid_cnt, 1u);  // a main board never counted
-    EXPECT_FALSE(dpm_bmp_test(b->modid_bmp, 3));
-    EXPECT_EQ(z->uc_vsl, nullptr);
-    dpm_uc_balance_for_modid_del(x);
-    EXPECT_EQ(a->modid_cnt, 0u);
-    EXPECT_EQ(x->is_used, 0);
-    // The emptied port is now the least loaded one and takes the next module id.
-    dpm_modid_info *w = add_mod(2, 4);
-    ASSERT_EQ(dpm_uc_balance_for_modid_add(w), 0);
-    EXPECT_EQ(w->uc_vsl, a);
 }
 
 }  // namespace

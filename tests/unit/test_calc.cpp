@@ -83,29 +83,6 @@ TEST_F(Calc, ValidityOnlyCountsOwnOutInterfaces) {
     }
 }
 
-TEST_F(Calc, NoMapStillClearsStatesOfOtherDevices) {
-    dpm_dev_head *peer = dpm_find_dev_head(2);
-    peer->fwd_state = DPM_FWD_FORWARD;
-    peer->isconfig = 1;
-    peer->is_dtm_used = 1;
-    EXPECT_EQ(dpm_calc_kel_cfg_by_dtm(), -11);
-    EXPECT_TRUE(logged("dtm info is NULL!"));
-    EXPECT_EQ(peer->is_dtm_used, 0);
-    EXPECT_EQ(peer->fwd_state, DPM_FWD_BLOCK);
-    EXPECT_EQ(peer->isconfig, 0);
-    EXPECT_EQ(dpm_find_dev_head(1)->is_dtm_used, 1);
-}
-
-TEST_F(Calc, UsedDevicesAreCreatedFromOwnRoutes) {
-    set_dtm({{1, 2, 1}, {1, 7, 1}, {2, 9, 1}, {1, 40, 1}}, {{1, 2, 1, 1, 1, 0}});
-    dpm_set_dev_dtm_used();
-    ASSERT_NE(dpm_find_dev_head(7), nullptr);
-    EXPECT_EQ(dpm_find_dev_head(7)->is_dtm_used, 1);
-    EXPECT_EQ(dpm_find_dev_head(2)->is_dtm_used, 1);
-    EXPECT_EQ(dpm_find_dev_head(9), nullptr);   // another member's route
-    EXPECT_EQ(dpm_find_dev_head(40), nullptr);  // no room in a device bitmap
-}
-
 TEST_F(Calc, RouteMovePlacesModidsOnTheNewAggregatePort) {
     dpm_modid_info *mb = add_mod(2, 102, DPM_NODE_MB);
     set_dtm({{1, 2, 1}}, {{1, 2, 1, 1, 1, 0}});

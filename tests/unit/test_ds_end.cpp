@@ -43,33 +43,6 @@ class DsEnd : public FwdTest {
     }
 };
 
-TEST_F(DsEnd, OnlyTheCallThatFindsAllFourFlagsRuns) {
-    uint8_t *flags[] = {&dpm_dtm_cache.ds_end, &dpm_vslap_cache.ds_end, &dpm_modid_dev_cache.ds_end,
-                        &rdy_vsl_chip_ds_end};
-    const int orders[][4] = {{0, 1, 2, 3}, {3, 2, 1, 0}, {1, 3, 0, 2}};
-    for (const auto &order : orders) {
-        TearDown();
-        SetUp();
-        for (int k = 0; k < 4; ++k) {
-            clear_log();
-            *flags[order[k]] = 1;
-            dpm_proc_ds_end(platform::host_handle());
-            EXPECT_EQ(logged("ds not end!"), k < 3) << k;
-            if (k < 3) {
-                EXPECT_TRUE(writes().empty()) << k;
-            }
-        }
-        // The last call rewrote under the expire flag: both member lists,
-        // whatever their change flags say, and cleared the flag again.
-        EXPECT_EQ(count(fwd::kMember, Op::Set), 2u);
-        EXPECT_EQ(is_exprire_mom_flag, 0);
-        // A later scan end runs the whole sequence again.
-        platform::clear_module_writes();
-        dpm_proc_ds_end(platform::host_handle());
-        EXPECT_EQ(count(fwd::kMember, Op::Set), 2u);
-    }
-}
-
 TEST_F(DsEnd, RestoredUnicastIsLaidOnActivePorts) {
     dpm_vsl_info *p1 = add_vsl(1, 1, 10, 20);
     dpm_vsl_info *p2 = add_vsl(1, 2, 11, 21);
@@ -164,15 +137,6 @@ TEST_F(DsEnd, RestoredMulticastBoundOrReplaced) {
         // apid 2 has no port: nothing to choose.
         EXPECT_EQ(dpm_mmc[2].valid, 0);
     }
-}
-
-TEST_F(DsEnd, FirstWaitingPortIsActivatedWithoutReadyChips) {
-    add_waiting(2, 3, 10, 20);
-    ds_ready();
-    dpm_proc_ds_end(platform::host_handle());
-    EXPECT_EQ(dpm_vslap_cache.ap[2].vsl_cnt, 1u);
-    EXPECT_EQ(dpm_vslap_unused_cache.ap[2].vsl_cnt, 0u);
-    EXPECT_TRUE(logged("apid:2, enable first lvsl"));
 }
 
 }  // namespace

@@ -23,10 +23,6 @@ struct DevState {
     ProtobufCMessage *msg() { return &rec.base; }
 };
 
-int feed(Event e) {
-    return dpm_dev_fwd_state_cb(platform::host_handle(), e.get());
-}
-
 // The own record as written to UDP_DB.
 std::string written_word(const platform::ModuleWrite &w) {
     UCluster__KelDevFwdstate *m = u_cluster__kel_dev_fwdstate__unpack(
@@ -39,112 +35,6 @@ std::string written_word(const platform::ModuleWrite &w) {
 }
 
 class FwdStateTest : public IntakeTest {};
-
-TEST_F(FwdStateTest, PeerStateFollowsTheExactWord) {
-    struct Row {
-        const char *word;
-        uint32_t expect;
-    };
-    const Row rows[] = {
-        {"block", 0},    {"part_forward", 1},
-        {"forward", 2},  {"timeout", 3},
-        {"Forward", 3},  // no match: the last state stays
-        {"forwar", 3},   {"", 3},
-        {"forward ", 3},
-    };
-    ASSERT_NE(dpm_alloc_dev_head(2), nullptr);
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.word);
-        DevState s(2, row.word);
-        EXPECT_EQ(feed(Event::set(s.msg())), 0);
-        EXPECT_EQ(dpm_find_dev_head(2)->fwd_state, row.expect);
-    }
-}
-
-TEST_F(FwdStateTest, UnknownDeviceGetsAnEntry) {
-    DevState s(4, "part_forward");
-    EXPECT_EQ(feed(Event::set(s.msg())), 0);
-    EXPECT_TRUE(logged("can't find dev 4"));
-    ASSERT_NE(dpm_find_dev_head(4), nullptr);
-    EXPECT_EQ(dpm_find_dev_head(4)->fwd_state, 1U);
-    EXPECT_EQ(dpm_modid_dev_cache.dev_cnt, 2U);
-}
-
-TEST_F(FwdStateTest, OwnRecordIsNotTakenFromTheDatabase) {
-    dpm_find_dev_head(g_mydevid)->fwd_state = DPM_FWD_FORWARD;
-    make_ready();
-    DevState s(g_mydevid, "block");
-    EXPECT_EQ(feed(Event::set(s.msg())), 0);
-    EXPECT_EQ(dpm_find_dev_head(g_mydevid)->fwd_state, DPM_FWD_FORWARD);
-    EXPECT_TRUE(logged("my state is 2 in cache! my state is 0 in mom!"));
-    // Nothing follows, not even the application's own readiness test.
-    EXPECT_FALSE(logged("ds not end!"));
-    EXPECT_TRUE(platform::module_writes().empty());
-}
-
-TEST_F(FwdStateTest, ApplicationOnlyAfterReadiness) {
-    ASSERT_NE(dpm_alloc_dev_head(2), nullptr);
-    DevState s(2, "part_forward");
-    EXPECT_EQ(feed(Event::set(s.msg())), 0);
-    EXPECT_TRUE(logged("ds not end!", "dpm_proc_dev_fwd_state_add"));
-    EXPECT_EQ(dpm_find_dev_head(2)->fwd_state, 1U);
-
-    make_ready();
-    clear_log();
-    DevState odd(2, "FORWARD");  // unknown word: cached state stays, still applied
-    EXPECT_EQ(feed(Event::set(odd.msg())), 0);
-    EXPECT_FALSE(logged("ds not end!", "dpm_proc_dev_fwd_state_add"));
-    EXPECT_EQ(dpm_find_dev_head(2)->fwd_state, 1U);
-}
-
-TEST_F(FwdStateTest, DeleteOnlyLogs) {
-    ASSERT_NE(dpm_alloc_dev_head(2), nullptr);
-    dpm_find_dev_head(2)->fwd_state = DPM_FWD_FORWARD;
-    DevState s(2, "");
-    EXPECT_EQ(feed(Event::del(s.msg())), 0);
-    EXPECT_TRUE(logged("del dev_st. dev:2"));
-    EXPECT_EQ(dpm_find_dev_head(2)->fwd_state, DPM_FWD_FORWARD);
-}
-
-TEST_F(FwdStateTest, EventFrameAndBadRecords) {
-    DevState big(40, "forward");
-    UCluster__KelDevFwdstate no_index = U_CLUSTER__KEL_DEV_FWDSTATE__INIT;
-    struct Row {
-        const char *name;
-        Event ev;
-        bool null_event;
-        int rv;
-        const char *message;
-    };
-    std::vector<Row> rows = {
-        {"no event", Event{}, true, DPM_ERR_EVENT, "msg is NULL!"},
-        {"event error", Event::error(9), false, DPM_ERR_EVENT, "msg error is 9!"},
-        {"device id beyond the bitmap", Event::set(big.msg()), false, 0,
-         "dev fwd state devid 40 out of range, dropped"},
-        {"record without index", Event::set(&no_index.base), false, 0,
-         "dev fwd state record invalid, cmd:1, dropped"},
-    };
-    for (auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        clear_log();
-        EXPECT_EQ(
-            dpm_dev_fwd_state_cb(platform::host_handle(), row.null_event ? nullptr : row.ev.get()),
-            row.rv);
-        EXPECT_TRUE(logged(row.message, "dpm_dev_fwd_state_cb"));
-    }
-    EXPECT_EQ(dpm_modid_dev_cache.dev_cnt, 1U);
-}
-
-TEST_F(FwdStateTest, DataSyncRescansThroughTheAddPath) {
-    DevState s(3, "timeout");
-    ASSERT_EQ(
-        platform::db_set(XN_MOM_UDP_DB, "u_cluster.kel_dev_fwdstate", dpm_test::pack(s.msg())), 0);
-    EXPECT_EQ(feed(Event::ds_request()), 0);
-    platform::run_until_idle();
-    ASSERT_NE(dpm_find_dev_head(3), nullptr);
-    EXPECT_EQ(dpm_find_dev_head(3)->fwd_state, 3U);
-    EXPECT_TRUE(logged("scan over"));
-}
 
 TEST_F(FwdStateTest, UpdateMyFwdState) {
     struct Row {
@@ -179,38 +69,6 @@ TEST_F(FwdStateTest, UpdateMyFwdState) {
             EXPECT_EQ(dpm_get_my_fwd_state(), row.before);
         }
     }
-}
-
-TEST_F(FwdStateTest, FailedWriteKeepsTheCachedStateForward) {
-    platform::fail("xn_mom_set", XN_MOM_UDP_DB);
-    dpm_update_my_fwd_state(0);
-    EXPECT_EQ(dpm_get_my_fwd_state(), DPM_FWD_FORWARD);
-    EXPECT_TRUE(logged("set dev_fwd_state failed, rv is -1", "dpm_set_dev_fwd_state"));
-    EXPECT_TRUE(logged("set state fwd fail, rv is -1", "dpm_update_my_fwd_state"));
-    // No retry until a data-sync end.
-    dpm_update_my_fwd_state(0);
-    EXPECT_TRUE(platform::module_writes().empty());
-    dpm_update_my_fwd_state(1);
-    EXPECT_EQ(platform::module_writes().size(), 1U);
-}
-
-TEST_F(FwdStateTest, MissingOwnEntry) {
-    dpm_cache_init();
-    dpm_update_my_fwd_state(0);
-    EXPECT_TRUE(logged("can;t find my_dev 1 head"));
-    EXPECT_EQ(dpm_get_my_fwd_state(), 0U);
-    EXPECT_TRUE(logged("can't find dev 1", "dpm_get_my_fwd_state"));
-    EXPECT_TRUE(platform::module_writes().empty());
-}
-
-TEST_F(FwdStateTest, DelDevFwdStateDeletesTheKeyedRecord) {
-    EXPECT_EQ(dpm_del_dev_fwd_state(2), 0);
-    ASSERT_EQ(platform::module_writes().size(), 1U);
-    EXPECT_EQ(platform::module_writes()[0].op, platform::ModuleWrite::Del);
-    EXPECT_EQ(written_word(platform::module_writes()[0]), "2:");
-    platform::fail("xn_mom_del", XN_MOM_UDP_DB, 1, -3);
-    EXPECT_EQ(dpm_del_dev_fwd_state(2), -3);
-    EXPECT_TRUE(logged("del dev_fwd_state failed, rv is -3"));
 }
 
 }  // namespace

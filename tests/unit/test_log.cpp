@@ -66,53 +66,6 @@ TEST_F(Log, LevelGateForEachLevelWord) {
     }
 }
 
-TEST_F(Log, MessageCarriesFileFunctionLineAndIsCutAt1023) {
-    g_udp_dpm_zlog_level = 1;
-    const std::string long_text(1500, 'x');
-    const long line = __LINE__ + 1;
-    udp_dpm_log(XN_ZLOG_ERROR, __FILE__, "some_func", line, "%s-%d", long_text.c_str(), 7);
-    auto log = platform::take_log();
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_EQ(log[0].func, "some_func");
-    EXPECT_EQ(log[0].file, __FILE__);
-    EXPECT_EQ(log[0].line, line);
-    EXPECT_EQ(log[0].level, XN_ZLOG_ERROR);
-    EXPECT_EQ(log[0].text, std::string(1023, 'x'));
-
-    // A '%' in an argument is text, not a format.
-    DPM_ERR("%s", "50%d");
-    log = platform::take_log();
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_EQ(log[0].text, "50%d");
-}
-
-TEST_F(Log, NoCategoryNothingLogged) {
-    void *cat = g_udp_dpm_zlog_category;
-    g_udp_dpm_zlog_category = nullptr;
-    DPM_FATAL("dropped");
-    g_udp_dpm_zlog_category = cat;
-    EXPECT_TRUE(platform::take_log().empty());
-}
-
-TEST_F(Log, FixedFilesLiveUnderTheRootWhenSet) {
-    const char *saved = getenv("UDP_DPM_ROOT");
-    std::string keep = saved != nullptr ? saved : "";
-    setenv("UDP_DPM_ROOT", "/tmp/r", 1);
-    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/udp_dpm"), "/tmp/r/etc/pktdbg/udp_dpm");
-    unsetenv("UDP_DPM_ROOT");
-    EXPECT_STREQ(udp_dpm_path("/etc/dpm_dbg_time"), "/etc/dpm_dbg_time");
-    if (saved != nullptr) setenv("UDP_DPM_ROOT", keep.c_str(), 1);
-}
-
-TEST_F(Log, SetAndShowLevel) {
-    run_cmd("set-log-level", {3});
-    EXPECT_EQ(g_udp_dpm_zlog_level, 3U);
-    EXPECT_EQ(run_cmd("show-log-level"), "log level: 3");
-    run_cmd("set-log-level", {-1});
-    EXPECT_EQ(g_udp_dpm_zlog_level, 0xFFFFFFFFU);
-    EXPECT_TRUE(platform::take_log().empty());  // no message of its own
-}
-
 std::string ring_line(uint32_t cnt, const char *name, int data) {
     char buf[128];
     snprintf(buf, sizeof buf, "%-8d %-15s %-15d ", static_cast<int>(cnt), name, data);
@@ -169,112 +122,6 @@ TEST_F(Log, RingKeepsTheLastSizeEvents) {
     EXPECT_EQ(udp_dpm_dbg_time_str[33].event, 33);
 }
 
-TEST_F(Log, RingHeaderAndNotInit) {
-    ring(200);
-    udp_dpm_time_record(DPM_T_DTM, 4);
-    const std::string out = run_cmd("dump_time");
-    char head[128];
-    snprintf(head, sizeof head, "\n%-8s %-15s %-15s %-15s %-10s\n", "cnt", "event", "data",
-             "input(s)", "(us)");
-    EXPECT_EQ(out.rfind(head, 0), 0U);
-    EXPECT_NE(out.find(ring_line(1, "dtm", 4)), std::string::npos);
-
-    free(udp_dpm_dbg_time.entries);
-    udp_dpm_dbg_time = {};
-    udp_dpm_time_record(DPM_T_DTM, 0);  // off: no effect, no crash
-    EXPECT_EQ(udp_dpm_dbg_time.count, 0U);
-    EXPECT_EQ(run_cmd("dump_time"), "\nnot init");
-
-    ring(10);
-    udp_dpm_dbg_time.names = nullptr;
-    EXPECT_EQ(run_cmd("dump_time"), "\nno name");
-}
-
-TEST_F(Log, SamplingStoresEveryPerCntThEvent) {
-    ring(4);
-    udp_dpm_dbg_time.per_cnt = 3;
-    for (int i = 0; i < 7; ++i) udp_dpm_time_record(DPM_T_VSL, i);
-    EXPECT_EQ(udp_dpm_dbg_time.count, 7U);
-    EXPECT_EQ(udp_dpm_dbg_time.cur_idx, 2U);
-    EXPECT_EQ(udp_dpm_dbg_time.entries[1].cnt, 3U);
-    EXPECT_EQ(udp_dpm_dbg_time.entries[2].cnt, 6U);
-    EXPECT_EQ(udp_dpm_dbg_time.entries[2].data, 5);
-}
-
-TEST_F(Log, DumpTimeFileAppends) {
-    const std::string path = dpm_test::scratch_root() + "/etc/dpm_dbg_time";
-    dpm_test::write_root_file("etc/dpm_dbg_time", "earlier\n");
-    ring(200);
-    udp_dpm_time_record(DPM_T_GROLE, 0);
-    EXPECT_EQ(run_cmd("dump_time_file"), "");
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    const std::string text = s.str();
-    EXPECT_EQ(text.rfind("earlier\n\ncnt ", 0), 0U) << text;
-    EXPECT_NE(text.find(ring_line(1, "grole", 0)), std::string::npos);
-    EXPECT_EQ(text.find("count      :"), std::string::npos);
-
-    // No file possible there: the note, nothing else.
-    dpm_test::remove_root_file("etc/dpm_dbg_time");
-    std::filesystem::create_directories(path);
-    EXPECT_EQ(run_cmd("dump_time_file"), "File open fail!");
-    std::filesystem::remove(path);
-}
-
-TEST_F(Log, RecordLogRaisesForAtMost30MinutesThenBackTo1) {
-    g_udp_dpm_zlog_level = 2;
-    EXPECT_EQ(run_cmd("record_log", {45, 5}), "start recording log for 30 minutes, level:5. \n");
-    EXPECT_EQ(g_udp_dpm_zlog_level, 5U);
-    EXPECT_NE(s_udp_dpm_zlog_thread, nullptr);
-    auto log = platform::take_log();
-    EXPECT_TRUE(frame_test::has_log(log, "udp_dpm_record_log",
-                                    "start recording log for 30 minutes, level:5.", XN_ZLOG_INFO));
-
-    platform::advance_us(30ULL * 60 * 1000000 - 1);
-    platform::run_until_idle();
-    EXPECT_EQ(g_udp_dpm_zlog_level, 5U);
-    platform::advance_us(1);
-    platform::run_until_idle();
-    EXPECT_EQ(g_udp_dpm_zlog_level, 1U);
-    EXPECT_EQ(s_udp_dpm_zlog_thread, nullptr);
-    log = platform::take_log();
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_EQ(log[0].func, "udp_dpm_reset_zlog_thread");
-    EXPECT_EQ(log[0].text.rfind("stop recording log, xn_thread", 0), 0U);
-    EXPECT_NE(log[0].text.find(", log level:5->1"), std::string::npos);
-}
-
-TEST_F(Log, RecordLogStopsAPendingRecording) {
-    struct row {
-        int minutes, level;
-        const char *out;
-    };
-    // Each of these only stops the recording started before it.
-    const row rows[] = {
-        {0, 5, "stop recording log, log level:4->1. \n"},
-        {10, -1, "stop recording log, log level:4->1. \n"},
-        {-3, 2, "stop recording log, log level:4->1. \n"},
-    };
-    for (const row &r : rows) {
-        run_cmd("record_log", {10, 4});
-        ASSERT_EQ(g_udp_dpm_zlog_level, 4U);
-        EXPECT_EQ(run_cmd("record_log", {r.minutes, r.level}), r.out);
-        EXPECT_EQ(g_udp_dpm_zlog_level, 1U);
-        EXPECT_EQ(s_udp_dpm_zlog_thread, nullptr);
-        // The cancelled timer never fires later.
-        g_udp_dpm_zlog_level = 3;
-        platform::advance_us(11ULL * 60 * 1000000);
-        platform::run_until_idle();
-        EXPECT_EQ(g_udp_dpm_zlog_level, 3U);
-        g_udp_dpm_zlog_level = 4;
-    }
-    // Nothing pending: a negative level changes nothing at all.
-    g_udp_dpm_zlog_level = 2;
-    EXPECT_EQ(run_cmd("record_log", {5, -2}), "");
-    EXPECT_EQ(g_udp_dpm_zlog_level, 2U);
-}
-
 TEST_F(Log, RecordLogReplacesARunningRecording) {
     run_cmd("record_log", {20, 6});
     EXPECT_EQ(run_cmd("record_log", {5, 7}),
@@ -287,17 +134,6 @@ TEST_F(Log, RecordLogReplacesARunningRecording) {
     platform::advance_us(20ULL * 60 * 1000000);  // the first timer is gone
     platform::run_until_idle();
     EXPECT_EQ(g_udp_dpm_zlog_level, 6U);
-}
-
-TEST_F(Log, RecordLogPlatformFailures) {
-    g_udp_dpm_zlog_level = 2;
-    platform::fail("xn_mom_get_thread_local_global");
-    EXPECT_EQ(run_cmd("record_log", {5, 5}), "failed to get thread global. ");
-    EXPECT_EQ(g_udp_dpm_zlog_level, 2U);
-    platform::fail("xn_thread_add_timer_timeval");
-    EXPECT_EQ(run_cmd("record_log", {5, 5}), "start recording log failed. ");
-    EXPECT_EQ(g_udp_dpm_zlog_level, 2U);
-    EXPECT_EQ(s_udp_dpm_zlog_thread, nullptr);
 }
 
 }  // namespace

@@ -50,105 +50,6 @@ class Mmc : public FwdTest {
     }
 };
 
-TEST_F(Mmc, ChoiceIsTheOldestPortAndWrittenOnce) {
-    EXPECT_EQ(dpm_cal_mmc_by_apid(1), -11);
-    EXPECT_TRUE(logged("no new mmc!"));
-    dpm_vsl_info *a = add_vsl(1, 3, 12, 22);
-    add_vsl(1, 4, 13, 23);
-    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    EXPECT_EQ(dpm_mmc[1].vsl, a);
-    EXPECT_EQ(dpm_mmc[1].modid, 12u);
-    EXPECT_EQ(dpm_mmc[1].wait_add, 1);
-    ASSERT_EQ(writes(kMmc).size(), 1u);
-    Unpacked<UCluster__MainmcVlan> rec(&u_cluster__mainmc_vlan__descriptor, writes(kMmc)[0].packed);
-    EXPECT_EQ(rec->index->t_cfg_modid, 12u);
-    EXPECT_EQ(rec->index->apid, 1u);
-    ASSERT_EQ(rec->n_vlan, 128u);
-    for (size_t i = 0; i < rec->n_vlan; ++i) EXPECT_EQ(rec->vlan[i], 0xFFFFFFFFu);
-    EXPECT_EQ(rec->local_vsl->lport, 3u);
-    EXPECT_EQ(rec->local_vsl->gphyid, 0u);
-    EXPECT_EQ(rec->peer_vsl->devid, 2u);
-    EXPECT_EQ(rec->peer_vsl->lport, 3u);
-    // A valid choice is kept.
-    EXPECT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    EXPECT_TRUE(logged("apid 1 mmc valid!"));
-    EXPECT_EQ(writes(kMmc).size(), 1u);
-    EXPECT_EQ(dpm_cal_mmc_by_apid(3), -11);
-}
-
-TEST_F(Mmc, RemovalStates) {
-    struct Case {
-        const char *name;
-        bool same_chip_port;
-        bool card_online;
-        bool back_present;
-        // afterwards
-        const char *log;
-        uint8_t valid, wait_del;
-        uint32_t modid;  // of the entry
-        size_t mmc_sets, mmc_dels, back_dels;
-    } cases[] = {
-        {"another port of the chip takes over", true, true, true, "mmc not change!", 1, 0, 12, 0, 0,
-         0},
-        {"card offline: confirmation deleted here, new choice", false, false, true,
-         "card[devid:1, slotid:1, sslotid:0] is not online. don't wait del mmc_back:0", 1, 0, 14, 1,
-         1, 1},
-        {"confirmation absent: new choice", false, true, false,
-         "mmc_back not exist in mom. apid:1, modid:12", 1, 0, 14, 1, 1, 0},
-        {"confirmation present: wait for its deletion", false, true, true, "mmc need change!", 1, 1,
-         12, 0, 1, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        TearDown();
-        SetUp();
-        dpm_vsl_info *a = add_vsl(1, 3, 12, 22);
-        if (c.same_chip_port) add_vsl(1, 5, 12, 22);
-        add_vsl(1, 4, 14, 24, 2);
-        ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-        if (c.back_present) store_back(12, 1);
-        platform::set_card_online(1, 1, 0, c.card_online);
-        platform::clear_module_writes();
-        clear_log();
-        take_down(a);
-        EXPECT_TRUE(logged(c.log));
-        EXPECT_EQ(dpm_mmc[1].valid, c.valid);
-        EXPECT_EQ(dpm_mmc[1].wait_del, c.wait_del);
-        EXPECT_EQ(dpm_mmc[1].modid, c.modid);
-        EXPECT_EQ(count(kMmc, Op::Set), c.mmc_sets);
-        EXPECT_EQ(count(kMmc, Op::Del), c.mmc_dels);
-        EXPECT_EQ(count(kMmcBack, Op::Del), c.back_dels);
-        if (c.same_chip_port) {
-            EXPECT_EQ(dpm_mmc[1].lport, 5u);
-        }
-        if (c.wait_del) {
-            EXPECT_EQ(dpm_mmc[1].vsl, nullptr);
-        }
-        if (c.mmc_sets) {
-            EXPECT_EQ(dpm_mmc[1].vsl->lport, 4);
-        }
-    }
-}
-
-TEST_F(Mmc, WaitingRemovalEndsWithTheConfirmationDeletion) {
-    dpm_vsl_info *a = add_vsl(1, 3, 12, 22);
-    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    store_back(12, 1);
-    take_down(a);
-    ASSERT_EQ(dpm_mmc[1].wait_del, 1);
-    // A deletion for another module id changes nothing.
-    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 7, 1), 0);
-    EXPECT_TRUE(logged("mmc_back is not same as del mmc"));
-    EXPECT_EQ(dpm_mmc[1].wait_del, 1);
-    // The right one: no port is left, so no new choice.
-    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 12, 1), 0);
-    EXPECT_TRUE(logged("mmc[apid:1] has been del on hardware"));
-    EXPECT_TRUE(logged("no new mmc!"));
-    EXPECT_EQ(dpm_mmc[1].valid, 0);
-    EXPECT_EQ(dpm_mmc[1].wait_del, 0);
-    EXPECT_EQ(dpm_mmc[1].vsl, nullptr);
-}
-
 // A choice made while the removal of the previous one is still awaited (the
 // data-sync end drops an unbound choice and chooses again) leaves the removal
 // awaited: its late confirmation drops the choice and chooses again.
@@ -171,17 +72,6 @@ TEST_F(Mmc, NewChoiceLeavesAnAwaitedRemovalAwaited) {
     EXPECT_EQ(dpm_mmc[1].wait_del, 0);
     EXPECT_EQ(dpm_mmc[1].lport, 4u);
     EXPECT_EQ(count(kMmc, Op::Set), 1u);  // chosen again and written
-}
-
-TEST_F(Mmc, NonChosenPortDownOnlyLogs) {
-    add_vsl(1, 3, 12, 22);
-    dpm_vsl_info *b = add_vsl(1, 4, 14, 24);
-    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    platform::clear_module_writes();
-    take_down(b);
-    EXPECT_TRUE(logged("not mmc vsl down!"));
-    EXPECT_TRUE(writes().empty());
-    EXPECT_EQ(dpm_mmc[1].valid, 1);
 }
 
 TEST_F(Mmc, Confirmations) {
@@ -213,18 +103,6 @@ TEST_F(Mmc, Confirmations) {
     err.err = 5;
     EXPECT_EQ(dpm_mmc_back_cb(nullptr, &err), -4);
     EXPECT_TRUE(logged("msg error is 5!"));
-}
-
-TEST_F(Mmc, DataSyncRequestScansConfirmations) {
-    add_vsl(1, 3, 12, 22);
-    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
-    store_back(12, 1);
-    xn_mom_msg_t ds{};
-    ds.cmd = XN_MOM_CMD_DS;
-    EXPECT_EQ(dpm_mmc_back_cb(platform::host_handle(), &ds), 0);
-    platform::run_until_idle();
-    EXPECT_EQ(dpm_mmc[1].wait_add, 0);
-    EXPECT_TRUE(logged("scan mmc_back over"));
 }
 
 }  // namespace

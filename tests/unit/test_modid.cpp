@@ -80,41 +80,6 @@ class ModidTest : public IntakeTest {
 
 // ---- add -------------------------------------------------------------------------
 
-TEST_F(ModidTest, AddCreatesTheDeviceAndFillsTheEntry) {
-    ModAlloc m(2, 3, 100, 1, 4, P_DEV__DM_NODE_TYPE_E__DM_TYPE_MB);
-    EXPECT_EQ(add(m), 0);
-    dpm_dev_head *dev = dpm_find_dev_head(2);
-    ASSERT_NE(dev, nullptr);
-    EXPECT_EQ(dev->is_dtm_used, 0);  // only the own device starts used
-    dpm_modid_info *e = dpm_find_modid_info(100);
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->devid, 2);
-    EXPECT_EQ(e->slot, 3);
-    EXPECT_EQ(e->sslot, 4);
-    EXPECT_EQ(e->unit, 1);
-    EXPECT_EQ(e->type, 2);
-    EXPECT_EQ(e->node, 7);
-    EXPECT_EQ(e->idnum_per_unit, 4U);
-    EXPECT_EQ(e->is_used, 0);
-    EXPECT_EQ(e->uc_vsl, nullptr);
-    expect_consistent();
-    EXPECT_TRUE(logged("ds not end!", "dpm_proc_modid_add"));
-}
-
-TEST_F(ModidTest, ReAddOnTheSameDeviceIsRefusedAndChangesNothing) {
-    ModAlloc m(2, 3, 100);
-    ASSERT_EQ(add(m), 0);
-    ModAlloc again(2, 5, 100);
-    clear_log();
-    EXPECT_EQ(add(again), DPM_ERR_FAIL);
-    EXPECT_TRUE(logged("modid 100 exist, devid:2, slot:3, unit:0!"));
-    EXPECT_TRUE(logged("add modid info failed! modid:100"));
-    EXPECT_TRUE(logged("dpm_proc_modid_add, modid:100, rv:-11", "dpm_mod_alloc_cb"));
-    EXPECT_EQ(dpm_find_modid_info(100)->slot, 3);
-    EXPECT_EQ(dpm_find_dev_head(2)->modid_cnt, 1U);
-    expect_consistent();
-}
-
 TEST_F(ModidTest, AddForAnotherDeviceMovesTheModuleId) {
     struct Row {
         const char *name;
@@ -177,27 +142,6 @@ TEST_F(ModidTest, DeleteFindsTheEntryByChipPositionNotByModuleId) {
     expect_consistent();
 }
 
-TEST_F(ModidTest, DeleteOfUnknownPositionFails) {
-    ModAlloc a(2, 1, 100);
-    ASSERT_EQ(add(a), 0);
-    struct Row {
-        int32_t dev, slot;
-        const char *first_message;
-    };
-    for (const Row &row : {Row{2, 9, "not find modid info devid:2, slot:9, unit:0"},
-                           Row{5, 1, "can;t find dev 5 head"}}) {
-        SCOPED_TRACE(row.first_message);
-        clear_log();
-        ModAlloc m(row.dev, row.slot, 100);
-        EXPECT_EQ(del(m), DPM_ERR_FAIL);
-        EXPECT_TRUE(logged(row.first_message));
-        EXPECT_TRUE(logged("del modid info failed! modid:100"));
-        EXPECT_TRUE(logged("dpm_proc_modid_del, modid:100, rv:-11", "dpm_mod_alloc_cb"));
-        EXPECT_NE(dpm_find_modid_info(100), nullptr);
-        expect_consistent();
-    }
-}
-
 TEST_F(ModidTest, LastModuleIdRemovesTheDeviceAndAsMasterItsStates) {
     for (uint32_t role : {1U, 2U}) {
         SCOPED_TRACE(role);
@@ -225,14 +169,6 @@ TEST_F(ModidTest, LastModuleIdRemovesTheDeviceAndAsMasterItsStates) {
     }
 }
 
-TEST_F(ModidTest, OwnDeviceGoesWithItsLastModuleIdToo) {
-    ModAlloc mine(1, 1, 10);
-    ASSERT_EQ(add(mine), 0);
-    EXPECT_EQ(del(mine), 0);
-    EXPECT_EQ(dpm_find_dev_head(1), nullptr);
-    expect_consistent();
-}
-
 // ---- after data sync: filters ------------------------------------------------------
 
 TEST_F(ModidTest, FilterBitsFollowTheDeviceSetsOfEachAggregatePort) {
@@ -255,28 +191,6 @@ TEST_F(ModidTest, FilterBitsFollowTheDeviceSetsOfEachAggregatePort) {
     EXPECT_FALSE(logged("devid 2 is not in current igr filter, apid:1!"));
 }
 
-TEST_F(ModidTest, NoFilterChangeForOwnModuleIdsOrBeforeReadiness) {
-    struct Row {
-        const char *name;
-        bool ready;
-        int32_t dev;
-        const char *message;
-    };
-    const Row rows[] = {{"own chip", true, 1, "my modid!"}, {"sync open", false, 2, "ds not end!"}};
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        SetUp();
-        if (row.ready) make_ready();
-        dpm_igr_permit[1].dev_bmp = 0x6;  // devices 1 and 2
-        ModAlloc m(row.dev, 1, 40);
-        EXPECT_EQ(add(m), 0);
-        EXPECT_TRUE(logged(row.message, "dpm_proc_modid_add"));
-        EXPECT_TRUE(dpm_bmp_empty(dpm_igr_permit[1].modid_bmp));
-        EXPECT_NE(dpm_find_modid_info(40), nullptr);
-        TearDown();
-    }
-}
-
 // ---- events and bad records ----------------------------------------------------------
 
 TEST_F(ModidTest, OutOfRangeRecordsAreDroppedBeforeTouchingAnything) {
@@ -296,72 +210,6 @@ TEST_F(ModidTest, OutOfRangeRecordsAreDroppedBeforeTouchingAnything) {
         EXPECT_EQ(dpm_modid_dev_cache.mod_cnt, 0U);
         expect_consistent();
     }
-}
-
-TEST_F(ModidTest, EventFrame) {
-    ModAlloc m(2, 1, 100);
-    struct Row {
-        const char *name;
-        Event ev;
-        bool null_event;
-        int rv;
-        const char *message;
-    };
-    std::vector<Row> rows = {
-        {"no event", Event{}, true, DPM_ERR_EVENT, "msg is NULL!"},
-        {"event error", Event::error(3), false, DPM_ERR_EVENT, "msg error is 3!"},
-        {"entry status", Event::hmset(m.msg(), 1), false, DPM_ERR_FAIL, "unexpected, error!"},
-        {"entry missing", Event{}, false, DPM_ERR_FAIL, "unexpected, error!"},
-        {"whole-form set ignored", Event::set(m.msg()), false, 0, ""},
-    };
-    rows[3].ev.msg.cmd = XN_MOM_CMD_HMSET;
-    for (auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        clear_log();
-        EXPECT_EQ(
-            dpm_mod_alloc_cb(platform::host_handle(), row.null_event ? nullptr : row.ev.get()),
-            row.rv);
-        if (*row.message != '\0') {
-            EXPECT_TRUE(logged(row.message, "dpm_mod_alloc_cb"));
-        }
-        EXPECT_EQ(dpm_find_modid_info(100), nullptr);
-    }
-}
-
-TEST_F(ModidTest, DataSyncScanTakesEntryFormRecordsAndEndsTheSync) {
-    ModAlloc field(2, 1, 100);
-    ModAlloc whole(2, 2, 101);
-    ASSERT_EQ(
-        platform::db_hmset(XN_MOM_ASIC_DB, "s_intf.evt_mod_alloc", dpm_test::pack(field.msg())), 0);
-    ASSERT_EQ(platform::db_set(XN_MOM_ASIC_DB, "s_intf.evt_mod_alloc", dpm_test::pack(whole.msg())),
-              0);
-    Event e = Event::ds_request();
-    EXPECT_EQ(dpm_mod_alloc_cb(platform::host_handle(), e.get()), 0);
-    platform::run_until_idle();
-    EXPECT_NE(dpm_find_modid_info(100), nullptr);
-    EXPECT_EQ(dpm_find_modid_info(101), nullptr);  // command 1 is not an allocation
-    EXPECT_EQ(dpm_modid_dev_cache.ds_end, 1);
-    expect_consistent();
-
-    platform::fail("xn_mom_scan", XN_MOM_ASIC_DB);
-    clear_log();
-    Event again = Event::ds_request();
-    EXPECT_EQ(dpm_mod_alloc_cb(platform::host_handle(), again.get()), 0);
-    EXPECT_TRUE(logged("scan modid info failed!", "dpm_mod_alloc_ds"));
-}
-
-TEST_F(ModidTest, SetModidInfoUnused) {
-    ModAlloc m(2, 1, 100);
-    ASSERT_EQ(add(m), 0);
-    dpm_vsl_info port{};
-    dpm_modid_info *e = dpm_find_modid_info(100);
-    e->is_used = 1;
-    e->uc_vsl = &port;
-    EXPECT_EQ(dpm_set_modid_info_unused(100), 0);
-    EXPECT_EQ(e->is_used, 0);
-    EXPECT_EQ(e->uc_vsl, nullptr);
-    EXPECT_EQ(dpm_set_modid_info_unused(101), DPM_ERR_NOMODID);
-    EXPECT_TRUE(logged("can't find modid 101 info!"));
 }
 
 }  // namespace

@@ -105,62 +105,6 @@ TEST_F(TopoWatch, IngressReadBackCopiesExactly64Words) {
     EXPECT_EQ(g_igr_ds_over, 1);
 }
 
-TEST_F(TopoWatch, MainMulticastReadBackTakesAtMost128Words) {
-    u_cluster::mainmc_vlan r;
-    r.mutable_index()->set_apid(1);
-    r.mutable_index()->set_t_cfg_modid(33);
-    for (uint32_t i = 0; i < 130; ++i) r.add_vlan(i + 1);
-    u_cluster::mainmc_vlan r2;
-    r2.mutable_index()->set_apid(2);
-    r2.mutable_index()->set_t_cfg_modid(34);
-    r2.add_vlan(0xF0);
-    u_cluster::mainmc_vlan bad;
-    bad.mutable_index()->set_apid(7);
-    for (const auto *m : {&r, &r2, &bad}) {
-        ASSERT_EQ(platform::db_set(14, "u_cluster.mainmc_vlan", m->SerializeAsString()), 0);
-    }
-    dpm_mmc[2].vlan_bmp.fill(0xFFFFFFFFU);
-
-    ds_request(dpm_mmc_cb);
-    EXPECT_EQ(dpm_mmc[1].valid, 1);
-    EXPECT_EQ(dpm_mmc[1].wait_add, 1);
-    EXPECT_EQ(dpm_mmc[1].modid, 33U);
-    for (uint32_t i = 0; i < 128; ++i) EXPECT_EQ(dpm_mmc[1].vlan_bmp[i], i + 1);
-    // A short bitmap leaves no earlier VLAN behind.
-    EXPECT_EQ(dpm_mmc[2].vlan_bmp[0], 0xF0U);
-    EXPECT_EQ(dpm_mmc[2].vlan_bmp[1], 0U);
-    EXPECT_EQ(dpm_mmc[2].modid, 34U);
-    EXPECT_EQ(dpm_mmc[0].valid, 0);
-    EXPECT_TRUE(has_log(platform::take_log(), "dpm_mmc_scan_cb",
-                        "mmc record apid 7 out of range [1-2], dropped"));
-    EXPECT_EQ(g_mmc_ds_over, 1);
-}
-
-TEST_F(TopoWatch, WatchersIgnoreAnythingButTheDataSyncRequest) {
-    using watcher = int (*)(void *, xn_mom_msg_t *);
-    const watcher ws[] = {dpm_uc_balance_cb, dpm_igr_cb, dpm_mmc_cb};
-    const char *names[] = {"dpm_uc_balance_cb", "dpm_igr_cb", "dpm_mmc_cb"};
-    UCluster__ModidIdx idx = U_CLUSTER__MODID_IDX__INIT;
-    UCluster__KelUcBalance rec = U_CLUSTER__KEL_UC_BALANCE__INIT;
-    idx.modid = 5;
-    rec.index = &idx;
-    for (size_t i = 0; i < 3; ++i) {
-        auto set = dpm_test::Event::set(&rec.base);
-        EXPECT_EQ(ws[i](platform::host_handle(), set.get()), 0);
-        auto del = dpm_test::Event::del(&rec.base);
-        EXPECT_EQ(ws[i](platform::host_handle(), del.get()), 0);
-        EXPECT_EQ(platform::pending(), 0U);
-
-        EXPECT_EQ(ws[i](platform::host_handle(), nullptr), -4);
-        auto err = dpm_test::Event::error(5);
-        EXPECT_EQ(ws[i](platform::host_handle(), err.get()), -4);
-        auto log = platform::take_log();
-        EXPECT_TRUE(has_log(log, names[i], "msg is NULL!", XN_ZLOG_ERROR));
-        EXPECT_TRUE(has_log(log, names[i], "msg error is 5!", XN_ZLOG_ERROR));
-    }
-    EXPECT_TRUE(dpm_list_empty(&dpm_uc_head));
-}
-
 // ---------------------------------------------------------------------------
 // Expiry brackets
 // ---------------------------------------------------------------------------
@@ -248,39 +192,6 @@ TEST_F(Expire, AllBracketsOpenRewriteAndClose) {
 void fail_nth(const char *op, int passes) {
     platform::fail(op, 14, 1, -1, passes);
     platform::fail(op, 14, -1, -2);
-}
-
-TEST_F(Expire, BracketThatDoesNotOpenEndsTheProtocol) {
-    struct row {
-        int opens_before;  // brackets opened before the failing one
-        const char *func, *error;
-    };
-    const row rows[] = {
-        {0, "dpm_kel_set_expire", "xn_mom_dsbegin igr fail!"},
-        {1, "dpm_kel_expire_igr_finish", "xn_mom_dsbegin egr fail!"},
-        {2, "dpm_kel_expire_egr_finish", "xn_mom_dsbegin keluc fail!"},
-        {3, "dpm_kel_expire_uc_finish", "xn_mom_dsbegin keluc fail!"},
-    };
-    for (const row &r : rows) {
-        SCOPED_TRACE(r.error);
-        frame_test::clean_module(4);
-        ring_on();
-        put_stale();
-        platform::run_until_idle();
-        platform::clear_module_writes();
-        fail_nth("xn_mom_dsbegin_sync", r.opens_before);
-        platform::fail("xn_mom_dsend", 14, -1, -2);  // any close would be logged
-        dpm_kel_set_expire(platform::host_handle());
-        auto log = platform::take_log();
-        EXPECT_TRUE(has_log(log, r.func, r.error, XN_ZLOG_ERROR));
-        EXPECT_FALSE(has_log(log, "dpm_kel_expire_finish", "enter"));   // no rewrite
-        EXPECT_FALSE(has_log(log, "dpm_kel_del_expire_all", "enter"));  // nothing closed
-        EXPECT_TRUE(platform::module_writes().empty());
-        EXPECT_EQ(is_exprire_mom_flag, 0);
-        EXPECT_FALSE(ring_has(DPM_T_DELEXPIRE));
-        EXPECT_TRUE(stale_left("u_cluster.vsl_srcmod_igr"));
-        platform::clear_faults();
-    }
 }
 
 TEST_F(Expire, ClosingStopsAtTheFirstFailureAndTheFlagIsCleared) {

@@ -41,47 +41,6 @@ std::vector<uint32_t> listed_modids() {
 
 class VslChipTest : public IntakeTest {};
 
-TEST_F(VslChipTest, ForwardChipsAreListedInArrivalOrder) {
-    ChipState a(2, 1, 0, 20, "forward");
-    ChipState b(1, 1, 0, 10, "forward");
-    ChipState c(1, 1, 1, 11, "part_forward");
-    for (ChipState *s : {&a, &b, &c}) EXPECT_EQ(feed(Event::set(s->msg())), 0);
-    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{20, 10}));
-    const dpm_vsl_chip *first = dpm_get_vsl_chipst(&a.idx);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first->devid, 2U);
-    EXPECT_EQ(first->slot, 1U);
-    EXPECT_EQ(first->unit, 0U);
-    EXPECT_EQ(dpm_get_vsl_chipst(&c.idx), nullptr);
-    EXPECT_TRUE(logged("vsl_chip state is not forward"));
-}
-
-TEST_F(VslChipTest, SecondForwardReportEndsTheAdd) {
-    make_ready();
-    ChipState a(2, 1, 0, 20, "forward");
-    EXPECT_EQ(feed(Event::set(a.msg())), 0);
-    EXPECT_TRUE(logged("enter", "dpm_proc_rdy_chip_in_unused"));
-    clear_log();
-    ChipState again(2, 1, 0, 99, "forward");
-    EXPECT_EQ(feed(Event::set(again.msg())), 0);
-    EXPECT_TRUE(logged("vsl_chip exist"));
-    EXPECT_FALSE(logged("enter", "dpm_proc_rdy_chip_in_unused"));
-    EXPECT_FALSE(logged("exit"));
-    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{20}));
-}
-
-TEST_F(VslChipTest, BlockReportKeepsAListedChipAndStillRunsTheFollowUp) {
-    make_ready();
-    ChipState a(2, 1, 0, 20, "forward");
-    ASSERT_EQ(feed(Event::set(a.msg())), 0);
-    clear_log();
-    ChipState block(2, 1, 0, 20, "block");
-    EXPECT_EQ(feed(Event::set(block.msg())), 0);
-    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{20}));
-    EXPECT_TRUE(logged("enter", "dpm_proc_rdy_chip_in_unused"));
-    EXPECT_TRUE(logged("exit", "dpm_proc_vsl_chipst_add"));
-}
-
 TEST_F(VslChipTest, OwnChipAfterAnApplicationMakesTheMemberForward) {
     struct Row {
         const char *name;
@@ -127,19 +86,6 @@ TEST_F(VslChipTest, DeleteEventRemovesOnlyThatChip) {
     EXPECT_EQ(feed(Event::del(a.msg())), 0);
     EXPECT_TRUE(logged("can't find vsl_chip"));
     EXPECT_TRUE(platform::module_writes().empty());
-}
-
-TEST_F(VslChipTest, DelVslChipstRemovesEveryChipOfTheDeviceEvenWhenTheRecordDeleteFails) {
-    ChipState a(2, 1, 0, 20, "forward");
-    ChipState b(3, 1, 0, 30, "forward");
-    ChipState c(2, 4, 1, 21, "forward");
-    for (ChipState *s : {&a, &b, &c}) ASSERT_EQ(feed(Event::set(s->msg())), 0);
-    platform::fail("xn_mom_del", XN_MOM_UDP_DB, 1);
-    dpm_del_vsl_chipst(2);
-    EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{30}));
-    EXPECT_EQ(intake_test::count_writes("u_cluster.vsl_chip_fwdstate", platform::ModuleWrite::Del),
-              1U);  // the first delete failed, the second went through
-    EXPECT_TRUE(logged("del vsl_chip state failed, rv is -1"));
 }
 
 TEST_F(VslChipTest, EventFrameScanAndBadRecords) {

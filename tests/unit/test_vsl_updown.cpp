@@ -29,37 +29,6 @@ class VslUpDown : public FwdTest {
     }
 };
 
-TEST_F(VslUpDown, FirstPortCalculatesLaterOnesOnlyRebalance) {
-    ds_ready();
-    ASSERT_EQ(up(1, 1), 0);
-    EXPECT_FALSE(logged("apid not ready!"));
-    EXPECT_TRUE(logged("valid"));  // the calculation ran
-    EXPECT_EQ(active(1, 1)->modid_cnt, 3u);
-    EXPECT_EQ(count(kUc, Op::Set), 3u);
-    EXPECT_EQ(count(kMember, Op::Set), 1u);
-    EXPECT_EQ(count(kMmc, Op::Set), 1u);
-    clear_log();
-    platform::clear_module_writes();
-    ASSERT_EQ(up(1, 2, 11, 21), 0);
-    EXPECT_FALSE(logged("valid"));  // no calculation for a second port
-    EXPECT_TRUE(logged("vsl restore is not balance!max:3, min:0"));
-    EXPECT_EQ(active(1, 1)->modid_cnt, 2u);
-    EXPECT_EQ(active(1, 2)->modid_cnt, 1u);
-    EXPECT_TRUE(dpm_bmp_test(active(1, 2)->modid_bmp, 2000));
-    EXPECT_EQ(count(kUc, Op::Set), 1u);
-    EXPECT_EQ(count(kMember, Op::Set), 1u);
-    EXPECT_EQ(count(kMmc, Op::Set), 0u);  // the choice stays
-}
-
-TEST_F(VslUpDown, ActivationBeforeDataSyncWritesOnlyTheMulticast) {
-    ASSERT_EQ(up(1, 1), 0);
-    EXPECT_TRUE(logged("ds not end!"));
-    EXPECT_EQ(count(kMmc, Op::Set), 1u);
-    EXPECT_EQ(writes().size(), 1u);
-    EXPECT_EQ(dpm_vslap_cache.ap[1].chang_flag, 1);
-    EXPECT_EQ(dpm_vslap_cache.ap[1].max_uc_modid_vsl, active(1, 1));
-}
-
 TEST_F(VslUpDown, ActivationRefusesUnknownChips) {
     for (auto [chip, peer] : {std::pair{0u, 20u}, std::pair{10u, 0u}}) {
         EXPECT_EQ(up(1, 1, chip, peer), -11);
@@ -67,98 +36,6 @@ TEST_F(VslUpDown, ActivationRefusesUnknownChips) {
         EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 0u);
     }
     EXPECT_EQ(up(3, 1), -11);
-}
-
-TEST_F(VslUpDown, RemovalMovesHighestModidFirstAndForgetsThePort) {
-    ds_ready();
-    ASSERT_EQ(up(1, 1), 0);
-    ASSERT_EQ(up(1, 2, 11, 21), 0);
-    ASSERT_EQ(up(1, 3, 12, 22), 0);
-    // Gather 5 and 2000 on port 2 (and 6 on port 3), then take port 2 down.
-    dpm_vsl_info *p1 = active(1, 1);
-    dpm_vsl_info *p2 = active(1, 2);
-    dpm_vsl_info *p3 = active(1, 3);
-    for (dpm_vsl_info *p : {p1, p2, p3}) {
-        p->modid_bmp = dpm_modid_bmp{};
-        p->modid_cnt = 0;
-    }
-    place(dpm_find_modid_info(5), p2);
-    place(dpm_find_modid_info(2000), p2);
-    place(dpm_find_modid_info(6), p3);
-    clear_log();
-    dpm_vsl_port port = port_of(p2);
-    ASSERT_EQ(dpm_proc_lvsl_down(&port, 1), 0);
-    EXPECT_TRUE(logged("del vsl info from unused fail, dev:1, slot:1, sslot:0, lport:2"));
-    size_t first = log_index("enter, modid:2000");
-    size_t second = log_index("enter, modid:5");
-    ASSERT_LT(first, log_texts().size());
-    EXPECT_LT(first, second);
-    // 2000 went to the emptier port 1, then 5 to the first of the now equal ones.
-    EXPECT_EQ(dpm_find_modid_info(2000)->uc_vsl, p1);
-    EXPECT_EQ(dpm_find_modid_info(5)->uc_vsl, p1);
-    EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 2u);
-    EXPECT_EQ(dpm_vslap_cache.ap[1].chang_flag, 0);  // written by the application
-}
-
-TEST_F(VslUpDown, RemovalBeforeDataSyncLeavesNoReferenceToThePort) {
-    ASSERT_EQ(up(1, 1), 0);
-    dpm_vsl_info *p1 = active(1, 1);
-    place(dpm_find_modid_info(5), p1);
-    dpm_vsl_port port = port_of(p1);
-    ASSERT_EQ(dpm_proc_lvsl_down(&port, 1), 0);
-    EXPECT_TRUE(logged("ds not end!"));
-    EXPECT_EQ(dpm_find_modid_info(5)->uc_vsl, nullptr);
-    EXPECT_EQ(dpm_find_modid_info(5)->is_used, 0);
-    EXPECT_EQ(dpm_mmc[1].vsl, nullptr);
-    EXPECT_EQ(dpm_vslap_cache.ap[1].max_uc_modid_vsl, nullptr);
-}
-
-TEST_F(VslUpDown, RemovalOfUnknownOrWaitingPorts) {
-    dpm_vsl_port unknown{1, 1, 0, 9};
-    EXPECT_EQ(dpm_proc_lvsl_down(&unknown, 1), -11);
-    EXPECT_TRUE(logged("del vsl info from unused fail, dev:1, slot:1, sslot:0, lport:9"));
-    EXPECT_TRUE(logged("del vsl info from cache fail, dev:1, slot:1, sslot:0, lport:9"));
-    add_waiting(1, 4);
-    dpm_vsl_port waiting{1, 1, 0, 4};
-    EXPECT_EQ(dpm_proc_lvsl_down(&waiting, 1), -11);
-    EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt, 0u);
-    EXPECT_EQ(dpm_proc_lvsl_down(&waiting, 7), -11);
-}
-
-TEST_F(VslUpDown, LastPortDownTakesTheOldestWaitingPort) {
-    struct Case {
-        const char *name;
-        uint32_t first_waiting_chip;
-        int active_lport;  // 0: none
-        size_t waiting_left;
-    } cases[] = {
-        {"complete waiting port takes over", 30, 7, 1},
-        {"waiting port with chip id 0 blocks the rest", 0, 0, 2},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        TearDown();
-        SetUp();
-        ds_ready();
-        ASSERT_EQ(up(1, 1), 0);
-        add_waiting(1, 7, c.first_waiting_chip, 40);
-        add_waiting(1, 8, 31, 41);
-        dpm_vsl_port port{1, 1, 0, 1};
-        ASSERT_EQ(dpm_proc_lvsl_down(&port, 1), 0);
-        EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, c.active_lport ? 1u : 0u);
-        if (c.active_lport) {
-            EXPECT_NE(active(1, c.active_lport), nullptr);
-            EXPECT_TRUE(logged("apid:1, enable first lvsl"));
-            // The new port carries the destinations and the multicast.
-            EXPECT_EQ(active(1, 7)->modid_cnt, 3u);
-            EXPECT_EQ(dpm_mmc[1].vsl, active(1, 7));
-        }
-        EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt, c.waiting_left);
-        for (uint32_t m : {5u, 6u, 2000u}) {
-            dpm_vsl_info *v = dpm_find_modid_info(m)->uc_vsl;
-            EXPECT_EQ(v, c.active_lport ? active(1, c.active_lport) : nullptr) << m;
-        }
-    }
 }
 
 TEST_F(VslUpDown, EnableFirstOnlyForEmptyAggregatePorts) {
