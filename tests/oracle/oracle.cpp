@@ -126,9 +126,6 @@ void check_vsl_cache(const dpm_vslap_cache_t &cache, const char *name, Report &r
                       apid);
             }
         }
-        if (n == 0 && (ap.max_uc_modid_vsl != nullptr || ap.min_uc_modid_vsl != nullptr)) {
-            r.add("%s apid %d: load pointers set on an empty aggregate port", name, apid);
-        }
     }
 }
 
