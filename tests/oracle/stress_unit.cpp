@@ -29,15 +29,20 @@ std::string fmt(const char *f, auto... args) {
     return buf;
 }
 
-// A record of `type` from its text form, packed.
-std::string pack(const std::string &type, const std::string &text) {
+// An empty record of `type`.
+std::unique_ptr<google::protobuf::Message> new_record(const std::string &type) {
     static const bool linked = (p_dev::vsl_local_link::descriptor() != nullptr &&
                                 s_intf::evt_mod_alloc::descriptor() != nullptr &&
                                 u_cluster::vsl_ap_member::descriptor() != nullptr);
     const auto *d = google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
     if (!linked || d == nullptr) throw std::logic_error("unknown record type " + type);
-    std::unique_ptr<google::protobuf::Message> m(
+    return std::unique_ptr<google::protobuf::Message>(
         google::protobuf::MessageFactory::generated_factory()->GetPrototype(d)->New());
+}
+
+// A record of `type` from its text form, packed.
+std::string pack(const std::string &type, const std::string &text) {
+    const auto m = new_record(type);
     if (!google::protobuf::TextFormat::ParseFromString(text, m.get()))
         throw std::logic_error("bad " + type + " text: " + text);
     return m->SerializeAsString();
@@ -240,10 +245,7 @@ std::string describe(const Event &e) {
                           e.devid, e.slot, e.lport, e.gslot, e.pick);
     if (e.value) out += fmt(" value %u", *e.value);
     if (e.packed.empty()) return out;
-    const auto *d =
-        google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(e.type);
-    std::unique_ptr<google::protobuf::Message> m(
-        google::protobuf::MessageFactory::generated_factory()->GetPrototype(d)->New());
+    const auto m = new_record(e.type);
     m->ParseFromString(e.packed);
     return out + " " + e.type + " {" + m->ShortDebugString() + "}";
 }
@@ -615,10 +617,7 @@ bool no_bits(const google::protobuf::Message &m) {
 std::vector<std::string> topo_lines(bool history_free) {
     std::vector<std::string> out;
     for (const auto &r : platform::db_records(kTopo)) {
-        const auto *d =
-            google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(r.type);
-        std::unique_ptr<google::protobuf::Message> m(
-            google::protobuf::MessageFactory::generated_factory()->GetPrototype(d)->New());
+        const auto m = new_record(r.type);
         if (!m->ParseFromString(r.packed)) {
             out.push_back(r.type + " (does not decode)");
             continue;
