@@ -104,8 +104,12 @@ std::pair<uintptr_t, uintptr_t> counters(const std::string &path) {
 
 }  // namespace
 
+std::string oracle_module_path() {
+    return DPM_ORACLE_MODULE_PATH;
+}
+
 OracleModule &oracle_module() {
-    static auto *m = new OracleModule(DPM_ORACLE_MODULE_PATH);
+    static auto *m = new OracleModule(oracle_module_path());
     return *m;
 }
 

@@ -49,7 +49,8 @@ class OracleModule {
     int (*state_)() = nullptr;
 };
 
-// The process's one copy of the oracle module.
+// Where the test build put the oracle module, and the process's one copy of it.
+std::string oracle_module_path();
 OracleModule &oracle_module();
 
 // ---- events -------------------------------------------------------------------------
