@@ -1,10 +1,6 @@
-// Event-sequence fuzzer: bytes become a unit's events (records of every input
-// type written, rewritten and deleted with values inside and outside every
-// range, module events, card presence, role and card key events, chip-id
-// lookup failures, session loss and return, restarts, and in half the inputs
-// allocation failures). After each event the callbacks run to quiet and the
-// consistency oracle checks TOPO_DB, the caches and the module's memory; a
-// difference aborts with the events that led to it.
+// Event-sequence fuzzer: bytes become a unit's events (see decode_events);
+// after each the oracle checks TOPO_DB, the caches and the module's memory,
+// and a difference aborts with the events that led to it.
 #include <cstdio>
 #include <cstdlib>
 

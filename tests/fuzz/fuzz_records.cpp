@@ -22,30 +22,18 @@ namespace {
 
 using dpm_stress::OracleModule;
 
-struct Target {
-    int db;  // -1: the data-sync agent
-    const ProtobufCMessageDescriptor *desc;
-    bool module_output;  // TOPO_DB records the module itself owns
-};
-
-const Target kTargets[] = {
-    {0, &s_intf__evt_mod_alloc__descriptor, false},
-    {3, &p_dev__dtm_route_info__descriptor, false},
-    {3, &p_dev__dtm_fiap_route_info__descriptor, false},
-    {3, &p_dev__vsl_local_link__descriptor, false},
-    {8, &u_cluster__kel_dev_fwdstate__descriptor, false},
-    {8, &u_cluster__vsl_chip_fwdstate__descriptor, false},
-    {14, &u_cluster__mainmc_vlan_st__descriptor, false},
-    {14, &u_cluster__kel_uc_balance__descriptor, true},
-    {14, &u_cluster__vsl_srcmod_igr__descriptor, true},
-    {14, &u_cluster__vsl_srcmod_egr__descriptor, true},
-    {14, &u_cluster__vsl_ap_member__descriptor, true},
-    {14, &u_cluster__mainmc_vlan__descriptor, true},
-    {-1, &p_dev__dp_lib_grole__descriptor, false},
-    {-1, &p_dev__card_info__descriptor, false},
-    // A type written into a database where the module does not expect it.
-    {0, &p_dev__vsl_local_link__descriptor, false},
-    {8, &s_intf__evt_mod_alloc__descriptor, false},
+// (database, type); -1 is the data-sync agent. The last two write a type into
+// a database where the module does not expect it. From index 7 to 11: TOPO_DB
+// records the module itself owns.
+const std::pair<int, const ProtobufCMessageDescriptor *> kTargets[] = {
+    {0, &s_intf__evt_mod_alloc__descriptor},       {3, &p_dev__dtm_route_info__descriptor},
+    {3, &p_dev__dtm_fiap_route_info__descriptor},  {3, &p_dev__vsl_local_link__descriptor},
+    {8, &u_cluster__kel_dev_fwdstate__descriptor}, {8, &u_cluster__vsl_chip_fwdstate__descriptor},
+    {14, &u_cluster__mainmc_vlan_st__descriptor},  {14, &u_cluster__kel_uc_balance__descriptor},
+    {14, &u_cluster__vsl_srcmod_igr__descriptor},  {14, &u_cluster__vsl_srcmod_egr__descriptor},
+    {14, &u_cluster__vsl_ap_member__descriptor},   {14, &u_cluster__mainmc_vlan__descriptor},
+    {-1, &p_dev__dp_lib_grole__descriptor},        {-1, &p_dev__card_info__descriptor},
+    {0, &p_dev__vsl_local_link__descriptor},       {8, &s_intf__evt_mod_alloc__descriptor},
 };
 
 bool decodes(const ProtobufCMessageDescriptor *d, const std::string &bytes) {
@@ -76,26 +64,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     bool foreign_output = false;  // records the module owns, written by someone else
     std::string trail;
     for (int n = 0; n < 16 && pos + 3 <= size; ++n) {
-        const Target &t = kTargets[data[pos] % (sizeof kTargets / sizeof kTargets[0])];
+        const size_t target = data[pos] % std::size(kTargets);
+        const auto [db, desc] = kTargets[target];
         const uint8_t flags = data[pos + 1];
         const size_t len = std::min<size_t>(data[pos + 2], size - pos - 3);
         const std::string bytes(reinterpret_cast<const char *>(data + pos + 3), len);
         pos += 3 + len;
-        const std::string type = t.desc->name;
-        trail += "  " + type + " db " + std::to_string(t.db) + " flags " + std::to_string(flags) +
+        const std::string type = desc->name;
+        trail += "  " + type + " db " + std::to_string(db) + " flags " + std::to_string(flags) +
                  " " + std::to_string(len) + " bytes\n";
-
-        const bool ok = decodes(t.desc, bytes);
+        const bool ok = decodes(desc, bytes);
         const size_t queued = platform::pending();
         int rv;
-        if (t.db < 0) {
+        if (db < 0) {
             rv = (flags & 2) != 0 ? platform::agent_del(type, bytes)
                                   : platform::agent_set(type, bytes);
         } else if ((flags & 2) != 0) {
-            rv = platform::db_del(t.db, type, bytes);
+            rv = platform::db_del(db, type, bytes);
         } else {
-            rv = (flags & 1) != 0 ? platform::db_hmset(t.db, type, bytes)
-                                  : platform::db_set(t.db, type, bytes);
+            rv = (flags & 1) != 0 ? platform::db_hmset(db, type, bytes)
+                                  : platform::db_set(db, type, bytes);
         }
         if (!ok) {
             // Bytes that do not decode are refused whole: nothing stored,
@@ -105,8 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 fail("undecodable " + type + " queued an event", trail);
             continue;
         }
-        if (t.db >= 0 && rv != 0) fail("decodable " + type + " refused", trail);
-        if (t.module_output && (flags & 2) == 0) foreign_output = true;
+        if (db >= 0 && rv != 0) fail("decodable " + type + " refused", trail);
+        foreign_output = foreign_output || (target >= 7 && target <= 11 && (flags & 2) == 0);
         platform::run_until_idle();
         platform::take_log();
         if ((flags & 4) != 0) {

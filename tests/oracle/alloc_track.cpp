@@ -1,15 +1,9 @@
-// Allocator of the module's test builds. A target linked through
-// dpm_track_allocations() (CMake) has its malloc, calloc, realloc and free
-// calls routed here by the linker (--wrap), so that
-// - a fault armed for "malloc", "calloc" or "realloc" (platform::fail, or the
-//   host's `fail` command) makes the next such call fail, and
-// - every block handed out and not yet freed is known: a harness that starts
-//   a fresh module instance in the same process gives back the old
-//   instance's blocks, and the oracle can tell a leaked block or a dangling
-//   pointer from a cached one.
-// The table lives in this library, outside the module's copy, so that
-// rewinding the copy's globals does not touch it. It holds the addresses
-// inverted: to the leak checker a block is reachable only through the module.
+// Allocator of the module's test builds: dpm_track_allocations() (CMake) routes
+// malloc, calloc, realloc and free here (--wrap), so that an armed fault
+// (platform::fail, the host's `fail` command) makes the next such call fail and
+// every block not yet freed is known. The table lives outside the module's copy
+// (rewinding its globals leaves it alone) and holds the addresses inverted: to
+// the leak checker a block is reachable only through the module.
 #include "alloc_track.h"
 
 #include <cstdlib>

@@ -27,25 +27,24 @@
 
 namespace {
 
-class Report {
-  public:
+struct Report {
+    std::string text;
+    int count = 0;
+    std::map<const void *, const char *> elems;  // every element walked, and its list
     void add(const char *fmt, ...) __attribute__((format(printf, 2, 3))) {
         char buf[512];
         va_list ap;
         va_start(ap, fmt);
         std::vsnprintf(buf, sizeof buf, fmt, ap);
         va_end(ap);
-        text_ += buf;
-        text_ += '\n';
-        ++count_;
+        text += std::string(buf) + "\n";
+        ++count;
     }
-    int count() const { return count_; }
-    const std::string &text() const { return text_; }
-
-  private:
-    std::string text_;
-    int count_ = 0;
 };
+
+bool ready() {
+    return dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over;
+}
 
 // A list head the module has not set up yet (before its first start) is all zero.
 bool live(const dpm_list *head) {
@@ -70,7 +69,10 @@ bool walk(const dpm_list *head, const char *what, Report &r, F &&fn) {
             r.add("%s: list does not close", what);
             return false;
         }
-        fn(reinterpret_cast<const T *>(reinterpret_cast<const char *>(p) - offsetof(T, link)));
+        const T *elem =
+            reinterpret_cast<const T *>(reinterpret_cast<const char *>(p) - offsetof(T, link));
+        r.elems.emplace(elem, what);
+        fn(elem);
         prev = p;
     }
     if (head->prev != prev) r.add("%s: head prev is not the last element", what);
@@ -78,45 +80,41 @@ bool walk(const dpm_list *head, const char *what, Report &r, F &&fn) {
 }
 
 template <size_t N>
-std::string bits(const std::array<uint32_t, N> &b, uint32_t limit = 40) {
-    std::string out;
-    uint32_t shown = 0;
-    for (uint32_t v = 0; v < N * 32; ++v) {
-        if (!dpm_bmp_test(b, v)) continue;
-        if (shown++ == limit) {
-            out += "...";
-            break;
-        }
-        out += std::to_string(v) + ",";
-    }
-    return out.empty() ? "-" : out;
+std::string bits(const std::array<uint32_t, N> &b) {
+    std::string out = "-";
+    for (uint32_t v = 0; v < N * 32; ++v) out += dpm_bmp_test(b, v) ? std::to_string(v) + "," : "";
+    return out;
 }
 
-const char *port_name(const dpm_vsl_info *v, char *buf, size_t len) {
-    std::snprintf(buf, len, "%d/%d/%d/%d", v->devid, v->slot, v->sslot, v->lport);
+std::string fmt(const char *f, auto... args) {
+    char buf[256];
+    std::snprintf(buf, sizeof buf, f, args...);
     return buf;
+}
+
+std::string port_name(const dpm_vsl_info *v) {
+    return fmt("%d/%d/%d/%d", v->devid, v->slot, v->sslot, v->lport);
 }
 
 // ---- structure --------------------------------------------------------------------
 
 void check_vsl_cache(const dpm_vslap_cache_t &cache, const char *name, Report &r,
-                     std::set<const dpm_vsl_info *> *out) {
+                     std::set<const dpm_vsl_info *> &out) {
     for (int apid = 0; apid < DPM_APID_SLOTS; ++apid) {
         const dpm_vslap_entry &ap = cache.ap[apid];
         if (!live(&ap.vsl_list)) continue;
         uint32_t n = 0;
         std::set<const dpm_vsl_info *> here;
+        std::set<std::array<int32_t, 4>> keys;
         walk<dpm_vsl_info>(&ap.vsl_list, name, r, [&](const dpm_vsl_info *v) {
             ++n;
             here.insert(v);
-            char pb[64];
-            if (v->apid != apid) {
-                r.add("%s apid %d: port %s says apid %d", name, apid, port_name(v, pb, sizeof pb),
-                      v->apid);
-            }
-            if (out != nullptr && !out->insert(v).second) {
-                r.add("%s: port %s linked twice", name, port_name(v, pb, sizeof pb));
-            }
+            const std::string port = port_name(v);
+            const char *pb = port.c_str();
+            if (v->apid != apid) r.add("%s apid %d: port %s says apid %d", name, apid, pb, v->apid);
+            if (!out.insert(v).second) r.add("%s: port %s linked twice", name, pb);
+            if (!keys.insert({v->devid, v->slot, v->sslot, v->lport}).second)
+                r.add("%s apid %d: port %s listed twice", name, apid, pb);
         });
         if (apid == 0 && n != 0) r.add("%s: %u ports under apid 0", name, n);
         if (n != ap.vsl_cnt)
@@ -127,9 +125,6 @@ void check_vsl_cache(const dpm_vslap_cache_t &cache, const char *name, Report &r
                 r.add("%s apid %d: a load pointer names a port outside the aggregate port", name,
                       apid);
             }
-        }
-        if (n == 0 && (ap.max_uc_modid_vsl != nullptr || ap.min_uc_modid_vsl != nullptr)) {
-            r.add("%s apid %d: load pointers set on an empty aggregate port", name, apid);
         }
     }
 }
@@ -214,28 +209,16 @@ void check_structure(Report &r) {
     // an active port waits until its gate passes again), and the caches are
     // kept per apid, so only a port twice in one list is wrong.
     std::set<const dpm_vsl_info *> active, waiting;
-    check_vsl_cache(dpm_vslap_cache, "vsl cache", r, &active);
-    check_vsl_cache(dpm_vslap_unused_cache, "unused vsl cache", r, &waiting);
-    for (const auto *cache : {&dpm_vslap_cache, &dpm_vslap_unused_cache}) {
-        for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
-            std::set<std::array<int32_t, 4>> keys;
-            walk<dpm_vsl_info>(
-                &cache->ap[apid].vsl_list, "vsl list", r, [&](const dpm_vsl_info *v) {
-                    if (!keys.insert({v->devid, v->slot, v->sslot, v->lport}).second) {
-                        char pb[64];
-                        r.add("apid %d: port %s listed twice", apid, port_name(v, pb, sizeof pb));
-                    }
-                });
-        }
-    }
+    check_vsl_cache(dpm_vslap_cache, "vsl cache", r, active);
+    check_vsl_cache(dpm_vslap_unused_cache, "unused vsl cache", r, waiting);
 
     // Unicast balance: a module id on at most one port, that port is its
     // uc_vsl, and a port's load counts its module ids except main boards.
     std::map<uint32_t, const dpm_vsl_info *> placed;
     const bool map_usable = newest_map_usable();
     for (const dpm_vsl_info *v : active) {
-        char pb[64];
-        port_name(v, pb, sizeof pb);
+        const std::string port = port_name(v);
+        const char *pb = port.c_str();
         uint32_t load = 0;
         for (uint32_t m = 0; m < DPM_MODID_MAX; ++m) {
             if (!dpm_bmp_test(v->modid_bmp, m)) continue;
@@ -297,35 +280,33 @@ using dpm_test::Unpacked;
 
 constexpr int kTopo = 14;
 
+// Each record of `type` in TOPO_DB, decoded.
+template <class Rec, class F>
+void each_record(Report &r, const char *type, const ProtobufCMessageDescriptor *d, F &&fn) {
+    for (const auto &rec : platform::db_records(kTopo, type)) {
+        Unpacked<Rec> u(d, rec.packed);
+        if (u.msg == nullptr) r.add("%s: a stored record does not decode", type);
+        if (u.msg != nullptr) fn(*u.msg);
+    }
+}
+
 void check_uc(Report &r) {
     std::map<uint32_t, const dpm_uc_info *> entries;
     walk<dpm_uc_info>(&dpm_uc_head, "unicast list", r,
                       [&](const dpm_uc_info *u) { entries.emplace(u->dstmodid, u); });
     std::set<uint32_t> recorded;
-    for (const auto &rec : platform::db_records(kTopo, "u_cluster.kel_uc_balance")) {
-        Unpacked<UCluster__KelUcBalance> u(&u_cluster__kel_uc_balance__descriptor, rec.packed);
-        if (u.msg == nullptr) {
-            r.add("kel_uc_balance: a stored record does not decode");
-            continue;
-        }
-        uint32_t m = u.msg->index != nullptr ? u.msg->index->modid : 0;
-        recorded.insert(m);
-        auto it = entries.find(m);
-        if (it == entries.end()) {
-            r.add("kel_uc_balance %u: record without unicast entry", m);
-            continue;
-        }
-        const dpm_uc_info *e = it->second;
-        if (e->apply == 1 && e->expire == 0 &&
-            (u.msg->local_modid != e->localmodid || u.msg->apid != e->apid ||
-             u.msg->lport != e->lport || u.msg->peer_modid != e->peer_modid)) {
-            r.add(
-                "kel_uc_balance %u: record {local %u apid %u lport %u peer %u}, applied entry "
-                "{local %u apid %u lport %u peer %u}",
-                m, u.msg->local_modid, u.msg->apid, u.msg->lport, u.msg->peer_modid, e->localmodid,
-                e->apid, e->lport, e->peer_modid);
-        }
-    }
+    each_record<UCluster__KelUcBalance>(
+        r, "u_cluster.kel_uc_balance", &u_cluster__kel_uc_balance__descriptor, [&](const auto &u) {
+            const uint32_t m = u.index != nullptr ? u.index->modid : 0;
+            recorded.insert(m);
+            auto it = entries.find(m);
+            const dpm_uc_info *e = it != entries.end() ? it->second : nullptr;
+            if (e == nullptr) r.add("kel_uc_balance %u: record without unicast entry", m);
+            if (e != nullptr && e->apply == 1 && e->expire == 0 &&
+                (u.local_modid != e->localmodid || u.apid != e->apid || u.lport != e->lport ||
+                 u.peer_modid != e->peer_modid))
+                r.add("kel_uc_balance %u: record differs from the applied entry", m);
+        });
     for (const auto &[m, e] : entries) {
         if (e->apply == 1 && e->expire == 0 && recorded.count(m) == 0) {
             r.add("kel_uc_balance %u: applied entry without record", m);
@@ -336,48 +317,32 @@ void check_uc(Report &r) {
 template <class Rec>
 void check_filter(Report &r, const char *type, const ProtobufCMessageDescriptor *d,
                   const dpm_srcmod_filter *applied, size_t Rec::*n, uint32_t *Rec::*words) {
-    for (const auto &rec : platform::db_records(kTopo, type)) {
-        Unpacked<Rec> u(d, rec.packed);
-        if (u.msg == nullptr) {
-            r.add("%s: a stored record does not decode", type);
-            continue;
-        }
-        uint32_t apid = u.msg->index != nullptr ? u.msg->index->apid : 0;
-        if (!dpm_apid_valid(apid)) {
-            r.add("%s: record for apid %u", type, apid);
-            continue;
-        }
-        if (u.msg->*n != 64) {
-            r.add("%s apid %u: %zu words", type, apid, u.msg->*n);
-            continue;
+    each_record<Rec>(r, type, d, [&](const Rec &u) {
+        const uint32_t apid = u.index != nullptr ? u.index->apid : 0;
+        if (!dpm_apid_valid(apid) || u.*n != 64) {
+            r.add("%s: record for apid %u with %zu words", type, apid, u.*n);
+            return;
         }
         dpm_modid_bmp got{};
-        std::memcpy(got.data(), u.msg->*words, sizeof got);
+        std::memcpy(got.data(), u.*words, sizeof got);
         if (got != applied[apid].modid_bmp) {
             r.add("%s apid %u: record %s, applied %s", type, apid, bits(got).c_str(),
                   bits(applied[apid].modid_bmp).c_str());
         }
-    }
+    });
 }
 
 void check_ap_member(Report &r) {
     std::map<uint32_t, std::vector<std::string>> recorded;
-    for (const auto &rec : platform::db_records(kTopo, "u_cluster.vsl_ap_member")) {
-        Unpacked<UCluster__VslApMember> u(&u_cluster__vsl_ap_member__descriptor, rec.packed);
-        if (u.msg == nullptr) {
-            r.add("vsl_ap_member: a stored record does not decode");
-            continue;
-        }
-        uint32_t apid = u.msg->index != nullptr ? u.msg->index->apid : 0;
-        auto &list = recorded[apid];
-        for (size_t i = 0; i < u.msg->n_member; ++i) {
-            const UCluster__Vslport *p = u.msg->member[i];
-            char buf[96];
-            std::snprintf(buf, sizeof buf, "%u/%u/%u/%u@%u", p->devid, p->slot, p->sslot, p->lport,
-                          p->gphyid);
-            list.emplace_back(buf);
-        }
-    }
+    each_record<UCluster__VslApMember>(
+        r, "u_cluster.vsl_ap_member", &u_cluster__vsl_ap_member__descriptor, [&](const auto &u) {
+            auto &list = recorded[u.index != nullptr ? u.index->apid : 0];
+            for (size_t i = 0; i < u.n_member; ++i) {
+                const UCluster__Vslport *p = u.member[i];
+                list.push_back(
+                    fmt("%u/%u/%u/%u@%u", p->devid, p->slot, p->sslot, p->lport, p->gphyid));
+            }
+        });
     for (const auto &[apid, list] : recorded) {
         if (!dpm_apid_valid(apid)) r.add("vsl_ap_member: record for apid %u", apid);
     }
@@ -386,10 +351,7 @@ void check_ap_member(Report &r) {
         if (ap.chang_flag) continue;  // a write is still owed; the next application makes it
         std::vector<std::string> want;
         walk<dpm_vsl_info>(&ap.vsl_list, "vsl cache", r, [&](const dpm_vsl_info *v) {
-            char buf[96];
-            std::snprintf(buf, sizeof buf, "%d/%d/%d/%d@%u", v->devid, v->slot, v->sslot, v->lport,
-                          v->gphyid);
-            want.emplace_back(buf);
+            want.push_back(fmt("%d/%d/%d/%d@%u", v->devid, v->slot, v->sslot, v->lport, v->gphyid));
         });
         auto it = recorded.find(static_cast<uint32_t>(apid));
         if (it == recorded.end()) {
@@ -398,11 +360,8 @@ void check_ap_member(Report &r) {
             continue;
         }
         if (it->second != want) {
-            std::string a, b;
-            for (const auto &s : it->second) a += s + " ";
-            for (const auto &s : want) b += s + " ";
-            r.add("vsl_ap_member apid %d: record [%s], active ports [%s]", apid, a.c_str(),
-                  b.c_str());
+            r.add("vsl_ap_member apid %d: record of %zu members, %zu active ports, %s first", apid,
+                  it->second.size(), want.size(), want.empty() ? "-" : want[0].c_str());
         }
     }
 }
@@ -410,27 +369,21 @@ void check_ap_member(Report &r) {
 void check_mmc(Report &r) {
     std::map<uint32_t, std::vector<std::pair<uint32_t, bool>>>
         recorded;  // apid -> (modid, all vlans)
-    for (const auto &rec : platform::db_records(kTopo, "u_cluster.mainmc_vlan")) {
-        Unpacked<UCluster__MainmcVlan> u(&u_cluster__mainmc_vlan__descriptor, rec.packed);
-        if (u.msg == nullptr) {
-            r.add("mainmc_vlan: a stored record does not decode");
-            continue;
-        }
-        uint32_t apid = u.msg->index != nullptr ? u.msg->index->apid : 0;
-        uint32_t modid = u.msg->index != nullptr ? u.msg->index->t_cfg_modid : 0;
-        bool full = u.msg->n_vlan == 128;
-        for (size_t i = 0; full && i < u.msg->n_vlan; ++i) full = u.msg->vlan[i] == 0xFFFFFFFFU;
-        recorded[apid].emplace_back(modid, full);
-    }
+    each_record<UCluster__MainmcVlan>(
+        r, "u_cluster.mainmc_vlan", &u_cluster__mainmc_vlan__descriptor, [&](const auto &u) {
+            bool full = u.n_vlan == 128;
+            for (size_t i = 0; full && i < u.n_vlan; ++i) full = u.vlan[i] == 0xFFFFFFFFU;
+            recorded[u.index != nullptr ? u.index->apid : 0].emplace_back(
+                u.index != nullptr ? u.index->t_cfg_modid : 0, full);
+        });
     for (const auto &[apid, list] : recorded) {
         if (!dpm_apid_valid(apid)) r.add("mainmc_vlan: %zu records for apid %u", list.size(), apid);
     }
     std::set<std::pair<uint32_t, uint32_t>> answers;  // (apid, modid) of mainmc_vlan_st
-    for (const auto &rec : platform::db_records(kTopo, "u_cluster.mainmc_vlan_st")) {
-        Unpacked<UCluster__MainmcVlanSt> u(&u_cluster__mainmc_vlan_st__descriptor, rec.packed);
-        if (u.msg != nullptr && u.msg->index != nullptr)
-            answers.emplace(u.msg->index->apid, u.msg->index->t_cfg_modid);
-    }
+    each_record<UCluster__MainmcVlanSt>(
+        r, "u_cluster.mainmc_vlan_st", &u_cluster__mainmc_vlan_st__descriptor, [&](const auto &u) {
+            if (u.index != nullptr) answers.emplace(u.index->apid, u.index->t_cfg_modid);
+        });
     for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
         const dpm_mmc_info &mmc = dpm_mmc[apid];
         // A choice bound to a port is published, also one made while the
@@ -476,46 +429,21 @@ void check_output(Report &r) {
 
 // Every element linked in a cache is a block the module holds (nothing freed is
 // still linked), and every block it holds is linked somewhere (nothing leaked),
-// after an allocation failure as after anything else. Needs the test builds'
-// allocator and one instance per process.
+// after an allocation failure as after anything else. Runs after the structure
+// walks, which collected the other lists' elements.
 void check_memory(Report &r) {
-    std::set<const void *> cached;
-    auto take = [&](const void *p, const char *what) {
-        if (p == nullptr) return;
+    walk<dpm_vsl_chip>(&dpm_vsl_chip_head, "vsl chip list", r, [](const dpm_vsl_chip *) {});
+    walk<dpm_mod_event>(&dpm_gslot_head, "module event list", r, [](const dpm_mod_event *) {});
+    r.elems.emplace(dpm_dtm_cache.hwcfg, "applied map");  // may have left the history
+    r.elems.emplace(udp_dpm_dbg_time.entries, "timing ring");
+    r.elems.erase(nullptr);
+    for (const auto &[p, what] : r.elems) {
         if (dpm_alloc_held(p) == 0) r.add("%s: an element that is not a held block", what);
-        cached.insert(p);
-    };
-    walk<dpm_dev_head>(&dpm_modid_dev_cache.dev_list, "device list", r, [&](const dpm_dev_head *d) {
-        take(d, "device list");
-        walk<dpm_modid_info>(&d->modid_list, "modid list", r,
-                             [&](const dpm_modid_info *m) { take(m, "modid list"); });
-    });
-    for (const auto *cache : {&dpm_vslap_cache, &dpm_vslap_unused_cache}) {
-        for (const dpm_vslap_entry &ap : cache->ap) {
-            walk<dpm_vsl_info>(&ap.vsl_list, "vsl list", r,
-                               [&](const dpm_vsl_info *v) { take(v, "vsl list"); });
-        }
     }
-    walk<dpm_dtm_info>(&dpm_dtm_cache.history, "map history", r,
-                       [&](const dpm_dtm_info *d) { take(d, "map history"); });
-    take(dpm_dtm_cache.hwcfg, "applied map");  // may have left the history
-    walk<dpm_uc_info>(&dpm_uc_head, "unicast list", r,
-                      [&](const dpm_uc_info *u) { take(u, "unicast list"); });
-    walk<dpm_vsl_chip>(&dpm_vsl_chip_head, "vsl chip list", r,
-                       [&](const dpm_vsl_chip *c) { take(c, "vsl chip list"); });
-    walk<dpm_mod_event>(&dpm_gslot_head, "module event list", r,
-                        [&](const dpm_mod_event *e) { take(e, "module event list"); });
-    take(udp_dpm_dbg_time.entries, "timing ring");
-    if (dpm_alloc_held_count() != cached.size()) {
-        r.add("the module holds %zu blocks, its caches %zu", dpm_alloc_held_count(), cached.size());
+    if (dpm_alloc_held_count() != r.elems.size()) {
+        r.add("the module holds %zu blocks, its caches %zu", dpm_alloc_held_count(),
+              r.elems.size());
     }
-}
-
-size_t copy_out(const Report &r, char *out, size_t len) {
-    if (out != nullptr && len != 0) {
-        std::snprintf(out, len, "%s", r.text().c_str());
-    }
-    return r.text().size();
 }
 
 }  // namespace
@@ -523,42 +451,33 @@ size_t copy_out(const Report &r, char *out, size_t len) {
 // Differences found, 0 when everything agrees. `flags` bit 0: check the caches'
 // structure; bit 1: check TOPO_DB against the caches (skipped, without a
 // report, until the four input syncs are over); bit 2: check the module's heap
-// blocks against the caches. The report is one line a
-// difference, truncated to `len`.
+// blocks against the caches (with the structure). One report line a difference.
 extern "C" __attribute__((visibility("default"))) int dpm_oracle_check(int flags, char *out,
                                                                        size_t len) {
     Report r;
-    if ((flags & 1) != 0) check_structure(r);
+    if ((flags & 5) != 0) check_structure(r);
     if ((flags & 4) != 0) check_memory(r);
-    if ((flags & 2) != 0 && dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over) {
-        check_output(r);
-    }
-    copy_out(r, out, len);
-    return r.count();
+    if ((flags & 2) != 0 && ready()) check_output(r);
+    std::snprintf(out, len, "%s", r.text.c_str());
+    return r.count;
 }
 
-// 1 when the newest route map passes the calculation's own test (every
-// aggregate port it sends through has a port in use). Otherwise the
-// calculation stops early and the output keeps what an earlier map made of it.
-extern "C" __attribute__((visibility("default"))) int dpm_oracle_map_usable(void) {
-    return newest_map_usable() ? 1 : 0;
-}
-
-// 1 when the application holds configured devices back: the own member
-// forwards and another device of the map does not. What a held device's
+// Bit 0: the four input syncs are over (the output checks apply). Bit 1: the
+// newest route map passes the calculation's own test; otherwise the
+// calculation stops early and the output keeps what an earlier map made of
+// it. Bit 2: the application holds configured devices back (the own member
+// forwards and another device of the map does not); what a held device's
 // records say then depends on when it was last applied.
-extern "C" __attribute__((visibility("default"))) int dpm_oracle_held(void) {
-    if (!live(&dpm_modid_dev_cache.dev_list)) return 0;
-    const dpm_dev_head *me = dpm_find_dev_head(g_mydevid);
-    if (me == nullptr || me->fwd_state != DPM_FWD_FORWARD) return 0;
-    const dpm_dev_head *d = nullptr;
-    dpm_list_for_each_entry(d, &dpm_modid_dev_cache.dev_list, link) {
-        if (d->devid != g_mydevid && d->is_dtm_used && d->fwd_state != DPM_FWD_FORWARD) return 1;
+extern "C" __attribute__((visibility("default"))) int dpm_oracle_state(void) {
+    int held = 0;
+    const dpm_dev_head *me =
+        live(&dpm_modid_dev_cache.dev_list) ? dpm_find_dev_head(g_mydevid) : nullptr;
+    if (me != nullptr && me->fwd_state == DPM_FWD_FORWARD) {
+        const dpm_dev_head *d = nullptr;
+        dpm_list_for_each_entry(d, &dpm_modid_dev_cache.dev_list, link) {
+            if (d->devid != g_mydevid && d->is_dtm_used && d->fwd_state != DPM_FWD_FORWARD)
+                held = 4;
+        }
     }
-    return 0;
-}
-
-// 1 once the four input syncs are over (the output checks then apply).
-extern "C" __attribute__((visibility("default"))) int dpm_oracle_ready(void) {
-    return dpm_is_ds_end() && g_uc_ds_over && g_igr_ds_over && g_mmc_ds_over ? 1 : 0;
+    return (ready() ? 1 : 0) | (newest_map_usable() ? 2 : 0) | held;
 }

@@ -29,15 +29,20 @@ std::string fmt(const char *f, auto... args) {
     return buf;
 }
 
-// A record of `type` from its text form, packed.
-std::string pack(const std::string &type, const std::string &text) {
+// An empty record of `type`.
+std::unique_ptr<google::protobuf::Message> new_record(const std::string &type) {
     static const bool linked = (p_dev::vsl_local_link::descriptor() != nullptr &&
                                 s_intf::evt_mod_alloc::descriptor() != nullptr &&
                                 u_cluster::vsl_ap_member::descriptor() != nullptr);
     const auto *d = google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
     if (!linked || d == nullptr) throw std::logic_error("unknown record type " + type);
-    std::unique_ptr<google::protobuf::Message> m(
+    return std::unique_ptr<google::protobuf::Message>(
         google::protobuf::MessageFactory::generated_factory()->GetPrototype(d)->New());
+}
+
+// A record of `type` from its text form, packed.
+std::string pack(const std::string &type, const std::string &text) {
+    const auto m = new_record(type);
     if (!google::protobuf::TextFormat::ParseFromString(text, m.get()))
         throw std::logic_error("bad " + type + " text: " + text);
     return m->SerializeAsString();
@@ -99,9 +104,8 @@ std::pair<uintptr_t, uintptr_t> counters(const std::string &path) {
 
 }  // namespace
 
-const std::string &oracle_module_path() {
-    static const std::string p = DPM_ORACLE_MODULE_PATH;
-    return p;
+std::string oracle_module_path() {
+    return DPM_ORACLE_MODULE_PATH;
 }
 
 OracleModule &oracle_module() {
@@ -125,9 +129,7 @@ OracleModule::OracleModule(const std::string &so_path) {
     };
     sym(init_, "ce_dpm_dlib_init");
     sym(check_, "dpm_oracle_check");
-    sym(ready_, "dpm_oracle_ready");
-    sym(map_usable_, "dpm_oracle_map_usable");
-    sym(held_, "dpm_oracle_held");
+    sym(state_, "dpm_oracle_state");
 
     Segments q{path.c_str(), {}, {}, 0};
     dl_iterate_phdr(find_segments, &q);
@@ -219,26 +221,6 @@ uint32_t gslot_of(int devid, int slot) {
            ((static_cast<uint32_t>(devid - 1) & 0x1FU) << 5);
 }
 
-struct Fib {
-    int owner, dst, oif;
-};
-struct Mfib {
-    int src, iif;
-    std::vector<int> oifs;
-};
-
-std::string route_map(const std::vector<Fib> &fibs, const std::vector<Mfib> &mfibs) {
-    std::string t = fmt("local_id: 1 fib_num: %zu mfib_num: %zu", fibs.size(), mfibs.size());
-    for (const Fib &f : fibs)
-        t += fmt(" fibs {owner_mid: %d dst_id: %d oif_id: %d}", f.owner, f.dst, f.oif);
-    for (const Mfib &m : mfibs) {
-        t += fmt(" mfibs {owner_mid: 1 src_id: %d iif_id: %d", m.src, m.iif);
-        for (int o : m.oifs) t += fmt(" oif_id: %d", o);
-        t += "}";
-    }
-    return pack("p_dev.dtm_route_info", t);
-}
-
 std::string mmc_state(uint32_t modid, uint32_t apid, size_t words) {
     u_cluster::mainmc_vlan_st rec;
     rec.mutable_index()->set_t_cfg_modid(modid);
@@ -247,18 +229,30 @@ std::string mmc_state(uint32_t modid, uint32_t apid, size_t words) {
     return rec.SerializeAsString();
 }
 
-// A record event: `text` is the record's text form.
+// A record event from the record's text form.
 void record(Event &e, int db, const char *type, const std::string &text) {
-    static const char *const verbs[] = {"hmset", "del", "hmset", "del", "set", "del",
-                                        "set",   "del", "set",   "del", "set", "del"};
-    const auto k = static_cast<size_t>(e.kind);
     e.db = db;
     e.type = type;
     e.packed = pack(type, text);
-    e.text = fmt("%s %s {%s}", k < std::size(verbs) ? verbs[k] : "agent set", type, text.c_str());
 }
 
+constexpr const char *kKindNames[] = {
+    "mod_alloc",  "mod_alloc del", "vsl_link",    "vsl_link del", "map",        "map del",
+    "chip state", "chip del",      "dev state",   "dev del",      "mmc answer", "mmc answer del",
+    "card add",   "card del",      "card online", "grole",        "card info",  "chip lookup",
+    "reconnect",  "disconnect",    "restart",     "fail calloc"};
+
 }  // namespace
+
+std::string describe(const Event &e) {
+    std::string out = fmt("%s db %d dev %d/%d/%d gslot %u pick %u", kKindNames[int(e.kind)], e.db,
+                          e.devid, e.slot, e.lport, e.gslot, e.pick);
+    if (e.value) out += fmt(" value %u", *e.value);
+    if (e.packed.empty()) return out;
+    const auto m = new_record(e.type);
+    m->ParseFromString(e.packed);
+    return out + " " + e.type + " {" + m->ShortDebugString() + "}";
+}
 
 uint32_t chip_of(int devid, int slot) {
     return static_cast<uint32_t>(10 * devid + slot - 1);
@@ -285,8 +279,13 @@ std::string vsl_link(int devid, int slot, int lport, int status, int apid, int p
 }
 
 std::string unit_map(int a2, int a3) {
-    return route_map({{1, 2, a2}, {1, 3, a3}, {2, 1, 1}, {3, 1, 2}, {2, 3, 2}},
-                     {{1, 0, {1, 2}}, {2, a2, {a3}}});
+    return pack("p_dev.dtm_route_info",
+                fmt("local_id: 1 fib_num: 5 mfib_num: 2 fibs {owner_mid: 1 dst_id: 2 oif_id: %d} "
+                    "fibs {owner_mid: 1 dst_id: 3 oif_id: %d} fibs {owner_mid: 2 dst_id: 1 oif_id: "
+                    "1} fibs {owner_mid: 3 dst_id: 1 oif_id: 2} fibs {owner_mid: 2 dst_id: 3 "
+                    "oif_id: 2} mfibs {owner_mid: 1 src_id: 1 iif_id: 0 oif_id: 1 oif_id: 2} "
+                    "mfibs {owner_mid: 1 src_id: 2 iif_id: %d oif_id: %d}",
+                    a2, a3, a2, a3));
 }
 
 std::string chip_state(int devid, int slot, int unit, const char *word, uint32_t modid) {
@@ -301,11 +300,12 @@ std::string dev_state(int devid, const char *word) {
                 fmt("index {devid: %u} fwd_state: \"%s\"", static_cast<uint32_t>(devid), word));
 }
 
+// The byte layout of each kind is what the stored corpus and regression
+// inputs were written in: reads stay in this order.
 Event decode_event(ByteReader &in, bool faults) {
     Event e;
     const auto kinds = static_cast<uint8_t>(faults ? Kind::Count : Kind::AllocFail);
     e.kind = static_cast<Kind>(in.u8() % kinds);
-    const bool del = static_cast<int>(e.kind) % 2 == 1;  // the record kinds' deletions
     switch (e.kind) {
         case Kind::ModAlloc:
         case Kind::ModAllocDel: {
@@ -313,9 +313,9 @@ Event decode_event(ByteReader &in, bool faults) {
             int modid = (in.u8() & 1) != 0 ? static_cast<int>(chip_of(dev, slot)) + unit * 3
                                            : pick(in, kModids);
             int type = pick(in, kNodeTypes);
-            record(e, kAsic, "s_intf.evt_mod_alloc", "");
+            e.db = kAsic;
+            e.type = "s_intf.evt_mod_alloc";
             e.packed = mod_alloc(dev, slot, unit, modid, type);
-            e.text += fmt(" %d/%d unit %d modid %d type %d", dev, slot, unit, modid, type);
             e.devid = dev;
             e.slot = slot;
             e.lport = unit;
@@ -330,11 +330,9 @@ Event decode_event(ByteReader &in, bool faults) {
                 status = in.u8() % 3 == 0 ? 0 : 1;
             int apid = pick(in, kApids), pdev = pick(in, kPeerDevs), pslot = pick(in, kSlots),
                 plport = pick(in, kLports);
+            e.db = kLocal;
+            e.type = "p_dev.vsl_local_link";
             e.packed = vsl_link(dev, slot, lport, status, apid, pdev, pslot, plport);
-            record(e, kLocal, "p_dev.vsl_local_link",
-                   fmt("index {devid: %d slotid: %d lport: %d} status: %d vsl_ap: %d "
-                       "peer_dev_id: %d peer_slot_id: %d peer_lport: %d",
-                       dev, slot, lport, status, apid, pdev, pslot, plport));
             // A port as the unit wires it: member 1's slot s joins apid s, and
             // member s+1 at the far end on the same slot and port.
             e.pick = dev == 1 && apid == slot && pdev == slot + 1 && pslot == 1 && plport == lport;
@@ -343,32 +341,29 @@ Event decode_event(ByteReader &in, bool faults) {
         case Kind::Map:
         case Kind::MapDel: {
             record(e, kLocal, "p_dev.dtm_route_info", "local_id: 1");
-            if (del) break;
+            if (e.kind == Kind::MapDel) break;
             if (in.u8() % 4 != 0) {
-                int a2 = pick(in, kApids), a3 = pick(in, kApids);
-                e.packed = unit_map(a2, a3);
+                const int a2 = pick(in, kApids);
+                e.packed = unit_map(a2, pick(in, kApids));
                 e.pick = 1;  // a map the intake takes
-                e.text =
-                    fmt("set dtm_route_info unit map, member 2 on apid %d, member 3 on apid %d", a2,
-                        a3);
                 break;
             }
-            std::vector<Fib> fibs(in.u8() % 7);
-            e.text = "set dtm_route_info fibs";
-            for (Fib &f : fibs) {
-                f = {(in.u8() % 3) != 0 ? 1 : pick(in, kDevs), pick(in, kDevs), pick(in, kApids)};
-                e.text += fmt(" %d>%d@%d", f.owner, f.dst, f.oif);
+            std::string routes;
+            const int fibs = in.u8() % 7;
+            for (int i = 0; i < fibs; ++i) {
+                const int owner = (in.u8() % 3) != 0 ? 1 : pick(in, kDevs), dst = pick(in, kDevs);
+                routes += fmt(" fibs {owner_mid: %d dst_id: %d oif_id: %d}", owner, dst,
+                              pick(in, kApids));
             }
-            std::vector<Mfib> mfibs(in.u8() % 3);
-            e.text += " mfibs";
-            for (Mfib &m : mfibs) {
-                m.src = pick(in, kDevs);
-                m.iif = pick(in, kApids);
-                m.oifs.resize(in.u8() % 4);
-                for (int &o : m.oifs) o = pick(in, kApids);
-                e.text += fmt(" %d<%d/%zu", m.src, m.iif, m.oifs.size());
+            const int mfibs = in.u8() % 3;
+            for (int i = 0; i < mfibs; ++i) {
+                const int src = pick(in, kDevs), iif = pick(in, kApids), oifs = in.u8() % 4;
+                routes += fmt(" mfibs {owner_mid: 1 src_id: %d iif_id: %d", src, iif);
+                for (int k = 0; k < oifs; ++k) routes += fmt(" oif_id: %d", pick(in, kApids));
+                routes += "}";
             }
-            e.packed = route_map(fibs, mfibs);
+            record(e, kLocal, "p_dev.dtm_route_info",
+                   fmt("local_id: 1 fib_num: %d mfib_num: %d", fibs, mfibs) + routes);
             break;
         }
         case Kind::ChipState:
@@ -377,20 +372,19 @@ Event decode_event(ByteReader &in, bool faults) {
             const char *word = pick(in, kWords);
             uint32_t modid =
                 (in.u8() % 4) != 0 ? chip_of(dev, slot) : static_cast<uint32_t>(pick(in, kModids));
-            record(e, kUdp, "u_cluster.vsl_chip_fwdstate",
-                   fmt("index {t_devid: %u slot: %u unit: %u} fwd_state: \"%s\" modid: %u",
-                       static_cast<uint32_t>(dev), static_cast<uint32_t>(slot),
-                       static_cast<uint32_t>(unit), word, modid));
+            e.db = kUdp;
+            e.type = "u_cluster.vsl_chip_fwdstate";
+            e.packed = chip_state(dev, slot, unit, word, modid);
             // The chip's own module id, reported forwarding.
             e.pick = std::strcmp(word, "forward") == 0 && unit == 0 && modid == chip_of(dev, slot);
             break;
         }
         case Kind::DevState:
         case Kind::DevStateDel: {
-            int dev = pick(in, kDevs);
-            const char *word = pick(in, kWords);
-            record(e, kUdp, "u_cluster.kel_dev_fwdstate",
-                   fmt("index {devid: %u} fwd_state: \"%s\"", static_cast<uint32_t>(dev), word));
+            const int dev = pick(in, kDevs);
+            e.db = kUdp;
+            e.type = "u_cluster.kel_dev_fwdstate";
+            e.packed = dev_state(dev, pick(in, kWords));
             break;
         }
         case Kind::MmcConfirm:
@@ -398,7 +392,6 @@ Event decode_event(ByteReader &in, bool faults) {
             e.db = kTopo;
             e.type = "u_cluster.mainmc_vlan_st";
             e.pick = in.u8();
-            e.text = fmt("%s mainmc_vlan_st answer %u", del ? "del" : "set", e.pick);
             break;
         case Kind::CardAdd:
         case Kind::CardDel:
@@ -409,13 +402,11 @@ Event decode_event(ByteReader &in, bool faults) {
             } else {
                 e.gslot = in.u16();
             }
-            e.text = fmt("card %s gslot %u", del ? "del" : "add", e.gslot);
             break;
         case Kind::CardOnline:
             e.devid = pick(in, kDevs);
             e.slot = pick(in, kSlots);
             e.value = in.u8() % 2;
-            e.text = fmt("card online %d/%d/0 %s", e.devid, e.slot, *e.value ? "yes" : "no");
             break;
         case Kind::Grole: {
             p_dev::dp_lib_grole rec;
@@ -423,43 +414,36 @@ Event decode_event(ByteReader &in, bool faults) {
             rec.set_my_grole(static_cast<p_dev::dm_role_e>(in.u8() % 6));
             e.type = "p_dev.dp_lib_grole";
             e.packed = rec.SerializeAsString();
-            e.text = "agent set dp_lib_grole role " + std::to_string(rec.my_grole());
             break;
         }
         case Kind::CardInfo: {
             e.devid = pick(in, kDevs);
             e.slot = pick(in, kSlots);
-            const bool online = in.u8() % 3 != 0;
             record(e, 0, "p_dev.card_info",
                    fmt("index {devid: %d slotid: %d} is_online: %s", e.devid, e.slot,
-                       online ? "true" : "false"));
+                       in.u8() % 3 != 0 ? "true" : "false"));
             break;
         }
         case Kind::ChipLookup: {
             e.devid = pick(in, kDevs);
             e.slot = pick(in, kSlots);
             e.lport = pick(in, kLports);
-            uint8_t v = in.u8() % 4;
+            const uint8_t v = in.u8() % 4;
             if (v == 1 || v == 3) e.value = chip_of(e.devid, e.slot);
             if (v == 2) e.value = static_cast<uint32_t>(pick(in, kModids));
-            e.text = e.value ? fmt("port %d/%d/%d chip %u", e.devid, e.slot, e.lport, *e.value)
-                             : fmt("port %d/%d/%d chip fail", e.devid, e.slot, e.lport);
             break;
         }
         case Kind::Reconnect:
         case Kind::Disconnect:
             e.db = pick(in, kDbs);
-            e.text = fmt("db %s %d", e.kind == Kind::Reconnect ? "reconnect" : "disconnect", e.db);
             break;
         case Kind::AllocFail:
             e.value = 1 + in.u8() % 3;
             e.pick = in.u8() % 16;
-            e.text = fmt("fail calloc count %u after %u", *e.value, e.pick);
             break;
         case Kind::Restart:
         case Kind::Count:
             e.kind = Kind::Restart;
-            e.text = "restart";
             break;
     }
     return e;
@@ -519,7 +503,7 @@ void UnitDriver::begin(Baseline baseline) {
     platform::take_log();
 }
 
-void UnitDriver::apply(const Event &e) {
+std::vector<platform::LogLine> UnitDriver::apply(const Event &e) {
     if (e.kind <= Kind::DevStateDel) {  // the input records; deletions are the odd kinds
         if (static_cast<int>(e.kind) % 2 == 1) {
             platform::db_del(e.db, e.type, e.packed);
@@ -579,7 +563,13 @@ void UnitDriver::apply(const Event &e) {
             break;
     }
     platform::run_until_idle();
-    platform::take_log();
+    return platform::take_log();
+}
+
+std::string trail(int baseline, const std::vector<Event> &events) {
+    std::string out = fmt("baseline %d\n", baseline);
+    for (const Event &e : events) out += "  " + describe(e) + "\n";
+    return out;
 }
 
 std::string run_event_input(const uint8_t *data, size_t size) {
@@ -588,9 +578,8 @@ std::string run_event_input(const uint8_t *data, size_t size) {
     UnitDriver unit;
     const uint8_t first = in.u8();
     const bool faults = first >= 128;
-    const auto baseline = static_cast<Baseline>(first % 3);
-    unit.begin(baseline);
-    std::string trail = fmt("baseline %d%s\n", first % 3, faults ? " with faults" : "");
+    unit.begin(static_cast<Baseline>(first % 3));
+    std::vector<Event> events;
     std::string report;
     // While an allocation failure's effects last (until a restart without one),
     // TOPO_DB may lag behind the caches; the caches and memory must hold.
@@ -598,13 +587,12 @@ std::string run_event_input(const uint8_t *data, size_t size) {
     for (size_t n = 0; n <= 64; ++n) {
         const int flags =
             failed ? OracleModule::kStructure | OracleModule::kMemory : OracleModule::kAll;
-        if (oracle_module().check(flags, &report) != 0) return trail + report;
+        if (oracle_module().check(flags, &report) != 0) return trail(first, events) + report;
         if (n == 64 || in.empty()) break;
-        const Event e = decode_event(in, faults);
-        trail += "  " + e.text + "\n";
+        events.push_back(decode_event(in, faults));
         const size_t failures = dpm_alloc_failures();
-        unit.apply(e);
-        if (e.kind == Kind::Restart) failed = false;
+        unit.apply(events.back());
+        if (events.back().kind == Kind::Restart) failed = false;
         failed = failed || dpm_alloc_failures() != failures;
     }
     return "";
@@ -614,26 +602,18 @@ std::string run_event_input(const uint8_t *data, size_t size) {
 
 namespace {
 
-// Repeated words (filters, VLAN maps) taken out of `m` and shown as their count
-// and the words that are not zero; `empty` tells whether all were zero.
-std::string take_words(google::protobuf::Message &m, bool *empty) {
-    std::string out;
+// No bit set in any repeated word (a filter that says what its absence says).
+bool no_bits(const google::protobuf::Message &m) {
     const auto *rf = m.GetReflection();
     for (int i = 0; i < m.GetDescriptor()->field_count(); ++i) {
         const auto *f = m.GetDescriptor()->field(i);
-        if (!f->is_repeated() || f->cpp_type() != f->CPPTYPE_UINT32) continue;
-        const int n = rf->FieldSize(m, f);
-        out += fmt(" %s: %d words", f->name().c_str(), n);
+        const int n =
+            f->is_repeated() && f->cpp_type() == f->CPPTYPE_UINT32 ? rf->FieldSize(m, f) : 0;
         for (int k = 0; k < n; ++k) {
-            const uint32_t w = rf->GetRepeatedUInt32(m, f, k);
-            if (w != 0 && w != 0xFFFFFFFFU) out += fmt(" [%d]=%08x", k, w);
-            if (w == 0xFFFFFFFFU && (k == 0 || rf->GetRepeatedUInt32(m, f, k - 1) != w))
-                out += fmt(" [%d..]=ones", k);
-            *empty = *empty && w == 0;
+            if (rf->GetRepeatedUInt32(m, f, k) != 0) return false;
         }
-        rf->ClearField(&m, f);
     }
-    return out;
+    return true;
 }
 
 }  // namespace
@@ -641,16 +621,11 @@ std::string take_words(google::protobuf::Message &m, bool *empty) {
 std::vector<std::string> topo_lines(bool history_free) {
     std::vector<std::string> out;
     for (const auto &r : platform::db_records(kTopo)) {
-        const auto *d =
-            google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(r.type);
-        std::unique_ptr<google::protobuf::Message> m(
-            google::protobuf::MessageFactory::generated_factory()->GetPrototype(d)->New());
+        const auto m = new_record(r.type);
         if (!m->ParseFromString(r.packed)) {
             out.push_back(r.type + " (does not decode)");
             continue;
         }
-        bool empty = true;
-        std::string words = take_words(*m, &empty);
         if (auto *ap = dynamic_cast<u_cluster::vsl_ap_member *>(m.get())) {
             if (ap->member_size() == 0) continue;
             std::sort(ap->mutable_member()->begin(), ap->mutable_member()->end(),
@@ -667,11 +642,10 @@ std::vector<std::string> topo_lines(bool history_free) {
             const uint32_t apid = mmc->index().apid();
             mmc->Clear();
             mmc->mutable_index()->set_apid(apid);
-            words.clear();
-        } else if (history_free || (empty && r.type.find("srcmod") != std::string::npos)) {
-            continue;  // a filter without bits says what its absence says
+        } else if (history_free || (r.type.find("srcmod") != std::string::npos && no_bits(*m))) {
+            continue;
         }
-        out.push_back(r.type + " " + m->ShortDebugString() + words);
+        out.push_back(r.type + " " + m->ShortDebugString());
     }
     std::sort(out.begin(), out.end());
     return out;

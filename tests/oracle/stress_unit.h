@@ -21,10 +21,7 @@ namespace dpm_stress {
 
 class OracleModule {
   public:
-    // Loads a private copy of the shared object at `so_path`. One per process:
-    // a restart frees every block the module's code holds.
     explicit OracleModule(const std::string &so_path);
-
     // Globals back to their load values, then the entry point.
     int start(uint32_t devid = 1, uint32_t node_type = 1);
     // End the instance (its registrations) and start a fresh one.
@@ -34,11 +31,11 @@ class OracleModule {
     // Number of differences the oracle finds; the report lists them.
     int check(int flags, std::string *report) const;
     // The four input syncs are over (the output checks apply).
-    bool ready() const { return ready_() != 0; }
+    bool ready() const { return (state_() & 1) != 0; }
     // The newest route map passes the calculation's test.
-    bool map_usable() const { return map_usable_() != 0; }
-    // The application holds configured devices back (see dpm_oracle_held).
-    bool held() const { return held_() != 0; }
+    bool map_usable() const { return (state_() & 2) != 0; }
+    // The application holds configured devices back (see dpm_oracle_state).
+    bool held() const { return (state_() & 4) != 0; }
 
   private:
     struct Range {
@@ -49,42 +46,28 @@ class OracleModule {
     bool started_ = false;
     int (*init_)(ce_dpm_dlib_arg *) = nullptr;
     int (*check_)(int, char *, size_t) = nullptr;
-    int (*ready_)() = nullptr;
-    int (*map_usable_)() = nullptr;
-    int (*held_)() = nullptr;
+    int (*state_)() = nullptr;
 };
 
 // Where the test build put the oracle module, and the process's one copy of it.
-const std::string &oracle_module_path();
+std::string oracle_module_path();
 OracleModule &oracle_module();
 
 // ---- events -------------------------------------------------------------------------
 
+// Record kinds come in pairs, the deletion odd; their databases: ASIC_DB
+// (hmset), LOCAL_DB (hmset, set), UDP_DB, TOPO_DB (the hardware side's answer
+// to a published main multicast choice). Then device-data module events, card
+// presence, agent records, a chip-id lookup (or its failure), a database's
+// session lost and resumed (or only lost), a restart, and failing callocs
+// (inputs with faults only).
+// clang-format off
 enum class Kind : uint8_t {
-    ModAlloc,  // ASIC_DB s_intf.evt_mod_alloc (hmset)
-    ModAllocDel,
-    VslLink,  // LOCAL_DB p_dev.vsl_local_link (hmset)
-    VslLinkDel,
-    Map,  // LOCAL_DB p_dev.dtm_route_info (set)
-    MapDel,
-    ChipState,  // UDP_DB u_cluster.vsl_chip_fwdstate
-    ChipStateDel,
-    DevState,  // UDP_DB u_cluster.kel_dev_fwdstate
-    DevStateDel,
-    MmcConfirm,  // TOPO_DB u_cluster.mainmc_vlan_st for a published choice
-    MmcConfirmDel,
-    CardAdd,  // device-data module events
-    CardDel,
-    CardOnline,  // card presence
-    Grole,       // agent p_dev.dp_lib_grole
-    CardInfo,    // agent p_dev.card_info
-    ChipLookup,  // chip-id lookup table entry (or its failure)
-    Reconnect,   // disconnect and resumed reconnect of one database
-    Disconnect,  // disconnect only (the reconnect comes with a later event)
-    Restart,
-    AllocFail,  // the module's next calloc calls fail (inputs with faults only)
-    Count
+    ModAlloc, ModAllocDel, VslLink, VslLinkDel, Map, MapDel, ChipState, ChipStateDel,
+    DevState, DevStateDel, MmcConfirm, MmcConfirmDel, CardAdd, CardDel, CardOnline, Grole,
+    CardInfo, ChipLookup, Reconnect, Disconnect, Restart, AllocFail, Count
 };
+// clang-format on
 
 struct Event {
     Kind kind = Kind::Restart;
@@ -95,14 +78,15 @@ struct Event {
     int devid = 0, slot = 0, lport = 0;
     std::optional<uint32_t> value;  // modid, lookups, presence as 0/1, fault count
     uint32_t pick = 0;  // node type, which answer, fault skip, or 1 for a wiring-true event
-    std::string text;   // one line for reports
 };
 
 // Events from bytes (ids mostly from the unit's own small world, with a share
 // of values outside every range); exhausted input reads as zeros.
 std::vector<Event> decode_events(const uint8_t *data, size_t size, size_t max_events);
+// One line for reports, and a run's baseline and events as lines.
+std::string describe(const Event &e);
+std::string trail(int baseline, const std::vector<Event> &events);
 
-// How a run begins.
 enum class Baseline : uint8_t {
     Empty,       // nothing stored, module started
     StoredUnit,  // a working two-member unit stored before the start
@@ -114,15 +98,14 @@ class UnitDriver {
     explicit UnitDriver(OracleModule &module = oracle_module()) : module_(module) {}
     // Clean stand-in, lookup tables of the unit, the baseline, settled.
     void begin(Baseline baseline);
-    // Apply one event and deliver everything it caused.
-    void apply(const Event &e);
+    // Apply one event and deliver everything it caused; what it logged.
+    std::vector<platform::LogLine> apply(const Event &e);
 
   private:
     OracleModule &module_;
 };
 
-// The module id of the chip in member `devid`'s slot `slot` (unit 0; unit u
-// adds 3u).
+// The module id of the chip in member `devid`'s slot `slot` (unit u adds 3u).
 uint32_t chip_of(int devid, int slot);
 
 // Packed records of the unit's inputs, as other components write them.
@@ -142,11 +125,10 @@ std::string dev_state(int devid, const char *word);
 std::string run_event_input(const uint8_t *data, size_t size);
 
 // TOPO_DB as sorted text lines, one per record, member lists sorted, empty
-// member lists and filters left out (they say what their absence says).
-// `history_free` keeps only what must not depend on whether the process
-// restarted on the way: which destinations have a unicast record and through
-// which aggregate port, the member lists, which aggregate ports have a main
-// multicast choice.
+// filters left out (they say what their absence says). `history_free` keeps
+// only what must not depend on whether the process restarted on the way:
+// which destinations have a unicast record and through which aggregate port,
+// the member lists, which aggregate ports have a main multicast choice.
 std::vector<std::string> topo_lines(bool history_free = false);
 std::string join(const std::vector<std::string> &lines);
 

@@ -4,9 +4,7 @@
 // and the module's allocation failures, each made to happen once.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <fstream>
 #include <iterator>
 
@@ -25,13 +23,11 @@ void expect_clean(const char *when, int flags = OracleModule::kAll) {
 
 TEST(Regression, FuzzInputsKeepTheOracleClean) {
     namespace fs = std::filesystem;
-    std::vector<fs::path> files;
     const fs::path root = fs::path(DPM_SOURCE_DIR) / "tests" / "fuzz";
-    for (const auto &e : fs::directory_iterator(root / "corpus" / "events")) files.push_back(e);
+    std::vector<fs::path> files(fs::directory_iterator(root / "corpus" / "events"), {});
     for (const auto &e : fs::directory_iterator(root / "regressions")) {
         if (e.path().filename().string().starts_with("events-")) files.push_back(e);
     }
-    std::sort(files.begin(), files.end());
     ASSERT_FALSE(files.empty());
     for (const auto &f : files) {
         std::ifstream in(f, std::ios::binary);
@@ -108,58 +104,57 @@ TEST(Regression, WaitingPortsWithUnknownChipsStayWaitingAtDataSyncEnd) {
 // logged as described, and the caches keep their structure and own exactly
 // the blocks the module holds.
 TEST(Regression, AllocationFailuresKeepTheCachesWhole) {
-    struct Case {
-        const char *what;
-        Baseline baseline;
-        int skip;  // callocs that succeed first
-        std::function<void()> act;
+    // Events: a restart, new module id 40 on member 2, module id 40 on a new
+    // member 4, a route map, a new port, a chip state, a card's module event.
+    const Event restart,
+        new_modid{.kind = Kind::ModAlloc,
+                  .type = "s_intf.evt_mod_alloc",
+                  .packed = mod_alloc(2, 3, 1, 40, 3)},
+        new_dev{.kind = Kind::ModAlloc,
+                .type = "s_intf.evt_mod_alloc",
+                .packed = mod_alloc(4, 1, 0, 40, 3)},
+        map{.kind = Kind::Map,
+            .db = kLocal,
+            .type = "p_dev.dtm_route_info",
+            .packed = unit_map(2, 1)},
+        port{.kind = Kind::VslLink,
+             .db = kLocal,
+             .type = "p_dev.vsl_local_link",
+             .packed = vsl_link(1, 1, 3, 1, 1, 2, 1, 3)},
+        chip{.kind = Kind::ChipState,
+             .db = kUdp,
+             .type = "u_cluster.vsl_chip_fwdstate",
+             .packed = chip_state(2, 2, 0, "forward", 21)},
+        card{.kind = Kind::CardAdd, .gslot = 34};
+    const struct {
+        const Event &act;
+        int skip;  // callocs that succeed first (the start-up case: from an empty store)
         const char *message;
         int count = 1;
+    } cases[] = {
+        {restart, 1, "can;t alloc!"},  // own device entry at start-up
+        {new_modid, 0, "cant malloc!"},
+        {new_dev, 1, "can;t alloc!"},  // device entry of a new device
+        {map, 0, "can't malloc!"},
+        {new_modid, 1, "can not alloc memory, modid:40!"},  // unicast entry
+        {port, 1, "can't alloc!"},
+        {chip, 0, "can't alloc!"},
+        {card, 0, "can't alloc!"},
+        // Unicast entries read back at a restart: every calloc after the own device's fails.
+        {restart, 2, "can not alloc memory!", -1},
+        {port, 2, "can not alloc memory for ap member, apid:1!"},
     };
-    const auto store_map = [] { platform::db_set(kLocal, "p_dev.dtm_route_info", unit_map(2, 1)); };
-    const auto new_port = [] {
-        platform::db_hmset(kLocal, "p_dev.vsl_local_link", vsl_link(1, 1, 3, 1, 1, 2, 1, 3));
-    };
-    const Case cases[] = {
-        {"own device entry at start-up", Baseline::Empty, 1, [] { oracle_module().restart(); },
-         "can;t alloc!"},
-        {"module-id entry", Baseline::StoredUnit, 0,
-         [] { platform::db_hmset(0, "s_intf.evt_mod_alloc", mod_alloc(2, 3, 1, 40, 3)); },
-         "cant malloc!"},
-        {"device entry of a new device", Baseline::StoredUnit, 1,
-         [] { platform::db_hmset(0, "s_intf.evt_mod_alloc", mod_alloc(4, 1, 0, 40, 3)); },
-         "can;t alloc!"},
-        {"route map", Baseline::StoredUnit, 0, store_map, "can't malloc!"},
-        {"unicast entry", Baseline::StoredUnit, 1,
-         [] { platform::db_hmset(0, "s_intf.evt_mod_alloc", mod_alloc(2, 3, 1, 40, 3)); },
-         "can not alloc memory, modid:40!"},
-        {"VSL port entry", Baseline::StoredUnit, 1, new_port, "can't alloc!"},
-        {"VSL chip entry", Baseline::StoredUnit, 0,
-         [] {
-             platform::db_set(kUdp, "u_cluster.vsl_chip_fwdstate",
-                              chip_state(2, 2, 0, "forward", 21));
-         },
-         "can't alloc!"},
-        {"module event entry", Baseline::StoredUnit, 0, [] { platform::card_add(34U); },
-         "can't alloc!"},
-        {"unicast entry read back at a restart (every calloc after the own device's fails)",
-         Baseline::StoredUnit, 2, [] { oracle_module().restart(); }, "can not alloc memory!", -1},
-        {"member array of u_cluster.vsl_ap_member", Baseline::StoredUnit, 2, new_port,
-         "can not alloc memory for ap member, apid:1!"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        UnitDriver().begin(c.baseline);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.message);
+        UnitDriver unit;
+        unit.begin(&c == &cases[0] ? Baseline::Empty : Baseline::StoredUnit);
         platform::fail("calloc", -1, c.count, -1, c.skip);
-        c.act();
-        platform::run_until_idle();
         std::string log;
-        for (const auto &l : platform::take_log()) log += l.text + "\n";
+        for (const auto &l : unit.apply(c.act)) log += l.text + "\n";
         EXPECT_NE(log.find(std::string(c.message) + "\n"), std::string::npos) << log;
         expect_clean("after the failure", OracleModule::kStructure | OracleModule::kMemory);
         platform::clear_faults();
-        oracle_module().restart();
-        platform::run_until_idle();
+        unit.apply(restart);
         expect_clean("after a restart without the fault");
     }
 }

@@ -100,12 +100,10 @@ Sequence random_run(uint32_t seed, bool stable = false) {
     return r;
 }
 
-std::string history(const Sequence &r, size_t upto, size_t restart_at = SIZE_MAX) {
-    std::string out = "baseline " + std::to_string(static_cast<int>(r.baseline)) + "\n";
-    for (size_t i = 0; i <= upto && i <= r.events.size(); ++i) {
-        if (i == restart_at) out += "  restart\n";
-        if (i < upto && i < r.events.size()) out += "  " + r.events[i].text + "\n";
-    }
+// The run with a restart (an empty Event) before event `at`.
+std::vector<Event> with_restart(const Sequence &r, size_t at) {
+    std::vector<Event> out = r.events;
+    if (at <= out.size()) out.insert(out.begin() + static_cast<std::ptrdiff_t>(at), Event{});
     return out;
 }
 
@@ -115,17 +113,14 @@ bool play(const Sequence &r, uint32_t seed, size_t restart_at = SIZE_MAX) {
     UnitDriver unit;
     unit.begin(r.baseline);
     std::string report;
-    const Event restart;
-    for (size_t i = 0; i <= r.events.size(); ++i) {
-        for (const Event *e :
-             {i == restart_at ? &restart : nullptr, i < r.events.size() ? &r.events[i] : nullptr}) {
-            if (e == nullptr) continue;
-            unit.apply(*e);
-            if (oracle_module().check(OracleModule::kAll, &report) != 0) {
-                ADD_FAILURE() << "seed " << seed << ", event " << i << "\n"
-                              << history(r, e == &restart ? i : i + 1, restart_at) << report;
-                return false;
-            }
+    const std::vector<Event> events = with_restart(r, restart_at);
+    for (size_t i = 0; i < events.size(); ++i) {
+        unit.apply(events[i]);
+        if (oracle_module().check(OracleModule::kAll, &report) != 0) {
+            ADD_FAILURE() << "seed " << seed << "\n"
+                          << trail(int(r.baseline), {events.begin(), events.begin() + i + 1})
+                          << report;
+            return false;
         }
     }
     return true;
@@ -150,51 +145,41 @@ TEST(RestartProperties, OracleCleanAfterEveryEvent) {
     }
 }
 
-TEST(RestartProperties, RestartWithUnchangedInputsKeepsTopoDb) {
-    size_t compared = 0;
+// A restart with unchanged inputs leaves TOPO_DB as it was (the order of the
+// members inside u_cluster.vsl_ap_member aside); a restart anywhere in the
+// sequence, followed by the rest of it, ends like the uninterrupted run where
+// the outcome does not depend on history.
+TEST(RestartProperties, RestartsKeepTopoDb) {
+    size_t kept = 0, alike = 0;
     for (uint32_t seed : seeds()) {
         Sequence r = random_run(seed, true);
         if (!play(r, seed)) return;
-        const auto before = topo_lines();
-        const bool compare = comparable();
+        const auto before = topo_lines(), straight = topo_lines(true);
+        const bool usable = comparable();
         UnitDriver().apply(Event{});
         std::string report;
-        ASSERT_EQ(oracle_module().check(OracleModule::kAll, &report), 0)
-            << "seed " << seed << "\n"
-            << history(r, r.events.size(), r.events.size()) << report;
-        if (!compare) continue;
-        compared += before.empty() ? 0 : 1;
-        ASSERT_EQ(before, topo_lines())
-            << "seed " << seed << "\n"
-            << history(r, r.events.size(), r.events.size()) << "before:\n"
-            << join(before) << "after:\n"
-            << join(topo_lines());
-    }
-    if (seeds().size() > 10) {
-        EXPECT_GT(compared, seeds().size() / 2);
-    }
-}
-
-TEST(RestartProperties, RestartAnywhereEndsCleanAndLikeTheUninterruptedRun) {
-    size_t compared = 0;
-    for (uint32_t seed : seeds()) {
-        Sequence r = random_run(seed, true);
-        std::mt19937 rng(seed * 7919U);
-        const size_t at = rng() % (r.events.size() + 1);
-        if (!play(r, seed)) return;
-        const auto straight = topo_lines(true);
-        const bool usable = comparable();
+        const std::string ran = "seed " + std::to_string(seed) + "\n" +
+                                trail(int(r.baseline), with_restart(r, r.events.size()));
+        ASSERT_EQ(oracle_module().check(OracleModule::kAll, &report), 0) << ran << report;
+        if (usable) {
+            kept += before.empty() ? 0 : 1;
+            ASSERT_EQ(before, topo_lines()) << ran << "before:\n"
+                                            << join(before) << "after:\n"
+                                            << join(topo_lines());
+        }
+        const size_t at = std::mt19937(seed * 7919U)() % (r.events.size() + 1);
         if (!play(r, seed, at)) return;
         if (!usable || !comparable()) continue;
-        ++compared;
+        ++alike;
         ASSERT_EQ(straight, topo_lines(true))
             << "seed " << seed << "\n"
-            << history(r, r.events.size(), at) << "uninterrupted:\n"
+            << trail(int(r.baseline), with_restart(r, at)) << "uninterrupted:\n"
             << join(straight) << "restarted:\n"
             << join(topo_lines(true));
     }
     if (seeds().size() > 10) {
-        EXPECT_GT(compared, seeds().size() / 3);
+        EXPECT_GT(kept, seeds().size() / 2);
+        EXPECT_GT(alike, seeds().size() / 3);
     }
 }
 
