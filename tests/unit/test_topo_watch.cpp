@@ -1,23 +1,18 @@
 // TOPO_DB watchers: read-back of the module's earlier output into the caches,
 // refusal of records that cannot be held, and the expiry brackets.
-#include <gtest/gtest.h>
-
-#include "frame_test_util.h"
-#include "test_support.h"
+#include "module_fixture.h"
 #include "u_cluster.pb.h"
 
 namespace {
 
-using frame_test::has_log;
+using namespace dpm_test;
 
-class TopoWatch : public ::testing::Test {
+class TopoWatch : public ModuleTest {
   protected:
-    void SetUp() override { frame_test::clean_module(4); }
-    void TearDown() override { dpm_cache_init(); }
+    TopoWatch() : ModuleTest(4, false) {}
 
     static void ds_request(int (*watcher)(void *, xn_mom_msg_t *)) {
-        auto ev = dpm_test::Event::ds_request();
-        EXPECT_EQ(watcher(platform::host_handle(), ev.get()), 0);
+        EXPECT_EQ(watcher(platform::host_handle(), Event::ds_request().get()), 0);
         platform::run_until_idle();
     }
     static void put_uc(uint32_t modid, uint32_t local, uint32_t apid, uint32_t lport,
@@ -199,7 +194,7 @@ TEST_F(Expire, ClosingStopsAtTheFirstFailureAndTheFlagIsCleared) {
                             "dsend apmbr failed!"};
     for (int k = 0; k < 4; ++k) {
         SCOPED_TRACE(errors[k]);
-        frame_test::clean_module(4);
+        clean_module(4);
         ring_on();
         put_stale();
         platform::run_until_idle();
