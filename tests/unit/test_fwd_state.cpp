@@ -15,10 +15,7 @@ std::string written_word(const platform::ModuleWrite &w) {
            (m->fwd_state != nullptr ? m->fwd_state : "");
 }
 
-class FwdStateTest : public ModuleTest {
-  protected:
-    FwdStateTest() : ModuleTest(5) {}
-};
+class FwdStateTest : public ModuleTest {};
 
 TEST_F(FwdStateTest, UpdateMyFwdState) {
     struct Row {

@@ -13,10 +13,7 @@ struct Card : Record<PDev__CardInfo> {
                  fmt("index { devid: 2 slotid: %d } is_online: %d", slot, online ? 1 : 0)) {}
 };
 
-class GroleTest : public ModuleTest {
-  protected:
-    GroleTest() : ModuleTest(5) {}
-};
+class GroleTest : public ModuleTest {};
 
 TEST_F(GroleTest, CardRemovalEndsOnlyTheWaitOnThatCard) {
     auto await = [](int apid, int32_t dev, int32_t slot, uint32_t modid) {

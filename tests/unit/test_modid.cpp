@@ -29,7 +29,6 @@ int del(ModAlloc &m) {
 
 class ModidTest : public ModuleTest {
   protected:
-    ModidTest() : ModuleTest(5) {}
     // Every count, bitmap and the index agree with the lists.
     static void expect_consistent() {
         std::set<uint32_t> all;

@@ -17,13 +17,9 @@ class TopoWatch : public ModuleTest {
     }
     static void put_uc(uint32_t modid, uint32_t local, uint32_t apid, uint32_t lport,
                        uint32_t peer) {
-        u_cluster::kel_uc_balance r;
-        r.mutable_index()->set_modid(modid);
-        r.set_local_modid(local);
-        r.set_apid(apid);
-        r.set_lport(lport);
-        r.set_peer_modid(peer);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.kel_uc_balance", r.SerializeAsString()), 0);
+        const char *f = "index { modid: %u } local_modid: %u apid: %u lport: %u peer_modid: %u";
+        ASSERT_EQ(platform::db_set(14, kUc, packed(kUc, fmt(f, modid, local, apid, lport, peer))),
+                  0);
     }
     static std::vector<dpm_uc_info> uc_entries() {
         std::vector<dpm_uc_info> out;
@@ -110,15 +106,9 @@ class Expire : public TopoWatch {
     // disappears exactly when its bracket closes.
     static void put_stale() {
         put_uc(2000, 1, 1, 1, 1);
-        u_cluster::vsl_srcmod_igr igr;
-        igr.mutable_index()->set_apid(3);
-        u_cluster::vsl_srcmod_egr egr;
-        egr.mutable_index()->set_apid(3);
-        u_cluster::vsl_ap_member mbr;
-        mbr.mutable_index()->set_apid(3);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_srcmod_igr", igr.SerializeAsString()), 0);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_srcmod_egr", egr.SerializeAsString()), 0);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_ap_member", mbr.SerializeAsString()), 0);
+        for (const std::string &type : {kIgr, kEgr, std::string("u_cluster.vsl_ap_member")}) {
+            ASSERT_EQ(platform::db_set(14, type, packed(type, "index { apid: 3 }")), 0);
+        }
     }
     static bool stale_left(const char *type) {
         for (const auto &r : platform::db_records(14, type)) {

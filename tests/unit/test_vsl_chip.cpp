@@ -30,10 +30,7 @@ std::vector<uint32_t> listed_modids() {
     return out;
 }
 
-class VslChipTest : public ModuleTest {
-  protected:
-    VslChipTest() : ModuleTest(5) {}
-};
+class VslChipTest : public ModuleTest {};
 
 TEST_F(VslChipTest, OwnChipAfterAnApplicationMakesTheMemberForward) {
     struct Row {

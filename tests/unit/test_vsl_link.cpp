@@ -51,7 +51,6 @@ dpm_vsl_info *waiting(int lport, int apid = 1) {
 
 class VslLinkTest : public ModuleTest {
   protected:
-    VslLinkTest() : ModuleTest(5) {}
     void SetUp() override {
         ModuleTest::SetUp();
         // Ports 1..3 of device 1 face the same ports of device 2; chips 10 and 20.
