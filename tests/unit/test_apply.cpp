@@ -1,24 +1,17 @@
 // Application and write-back: what is written, how often, and in which order.
-#include "frame_test_util.h"
-#include "fwd_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using fwd::FwdTest;
-using fwd::kEgr;
-using fwd::kIgr;
-using fwd::kMember;
-using fwd::kUc;
-using fwd::Unpacked;
-using Op = platform::ModuleWrite;
+using namespace dpm_test;
 
-class Apply : public FwdTest {
+class Apply : public ModuleTest {
   protected:
     dpm_vsl_info *p1 = nullptr;
     dpm_vsl_info *p2 = nullptr;
 
     void SetUp() override {
-        FwdTest::SetUp();
+        ModuleTest::SetUp();
         for (uint32_t m : {1u, 2u}) add_mod(1, m);
         for (uint32_t m : {100u, 101u}) add_mod(2, m);
         set_dtm({{1, 2, 1}}, {{1, 2, 1, 1, 1, 0}});
@@ -55,8 +48,8 @@ TEST_F(Apply, EgressBlockIsBroughtUpToDateByTheFirstDevice) {
     EXPECT_TRUE((rec->block_modid[102 / 32] >> (102 % 32)) & 1U);
     const auto log = platform::take_log();
     const char *fn = "dpm_apply_egr_by_devid";
-    EXPECT_TRUE(frame_test::has_log(log, fn, "set egr success!, apid:1, devid:1"));
-    EXPECT_TRUE(frame_test::has_log(log, fn, "modbmp is not changed!"));
+    EXPECT_TRUE(has_log(log, fn, "set egr success!, apid:1, devid:1"));
+    EXPECT_TRUE(has_log(log, fn, "modbmp is not changed!"));
 }
 
 TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {

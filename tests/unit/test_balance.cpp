@@ -1,17 +1,16 @@
 // Unicast balance: placement on the least loaded port, the route lookup, and
 // the rebalancing passes (including caches whose counts disagree with their
 // bitmaps, which must not make the loop spin).
-#include "frame_test_util.h"
-#include "fwd_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using fwd::FwdTest;
+using namespace dpm_test;
 
-class Balance : public FwdTest {
+class Balance : public ModuleTest {
   protected:
     void SetUp() override {
-        FwdTest::SetUp();
+        ModuleTest::SetUp();
         ds_ready();
         // Member 1 reaches member 2 through apid 1 and member 3 through apid 2.
         set_dtm({{1, 2, 1}, {1, 3, 2}, {2, 1, 1}}, {{1, 2, 1, 1, 1, 0}});
@@ -177,10 +176,10 @@ TEST_F(Balance, RebalanceEndsWhenBitmapDisagreesWithCount) {
         for (uint32_t m : c.bits) EXPECT_TRUE(dpm_bmp_test(a->modid_bmp, m)) << m;
         const auto log = platform::take_log();
         const char *fn = "dpm_restore_vsl_lb_in_ap";
-        EXPECT_EQ(frame_test::has_log(log, fn, "change uc modid info:1000"), c.known != 0);
+        EXPECT_EQ(has_log(log, fn, "change uc modid info:1000"), c.known != 0);
         if (!c.bits.empty()) {
             const std::string text = "can't find modid info:" + std::to_string(c.bits.back());
-            EXPECT_TRUE(frame_test::has_log(log, fn, text));
+            EXPECT_TRUE(has_log(log, fn, text));
         }
     }
     dpm_restore_vsl_lb_in_ap(0);

@@ -1,16 +1,10 @@
 // Shared data of the module: the intrusive list, bitmaps and their dump line,
 // card positions, start-up emptying of the caches, readiness and lookups.
-#include <gtest/gtest.h>
-
-#include "dpm_intake.h"
-#include "frame_test_util.h"
+#include "module_fixture.h"
 
 namespace {
 
-struct item {
-    dpm_list link;
-    int v;
-};
+using namespace dpm_test;
 
 TEST(Bitmap, DumpLineRuns) {
     struct row {
@@ -39,19 +33,10 @@ TEST(Bitmap, DumpLineRuns) {
     EXPECT_EQ(dpm_bmp_line(all), "0-4095,\n");
 }
 
-class Cache : public ::testing::Test {
+class Cache : public ModuleTest {
   protected:
-    void SetUp() override { frame_test::clean_module(); }
-    void TearDown() override { dpm_cache_init(); }
+    Cache() : ModuleTest(4, false) {}
 };
-
-template <class T>
-bool all_zero(const T &t) {
-    const auto *p = reinterpret_cast<const unsigned char *>(&t);
-    for (size_t i = 0; i < sizeof t; ++i)
-        if (p[i] != 0) return false;
-    return true;
-}
 
 TEST_F(Cache, ReadinessNeedsAllFourFlagsAndAMap) {
     struct row {

@@ -1,17 +1,15 @@
 // Calculation from the topology map: used devices, validity, source-module
 // filters and the correction of unicast placements when routes move.
-#include "fwd_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using fwd::Fib;
-using fwd::FwdTest;
-using fwd::Mfib;
+using namespace dpm_test;
 
-class Calc : public FwdTest {
+class Calc : public ModuleTest {
   protected:
     void SetUp() override {
-        FwdTest::SetUp();
+        ModuleTest::SetUp();
         ds_ready();
         for (uint32_t m : {1u, 2u}) add_mod(1, m);
         for (uint32_t m : {100u, 101u}) add_mod(2, m);

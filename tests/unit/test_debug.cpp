@@ -1,28 +1,20 @@
 // Debug commands: registration, dumps compared byte for byte with golden
 // files, and the three record injections.
-#include <gtest/gtest.h>
-
-#include <google/protobuf/text_format.h>
-
-#include "dpm_intake.h"
-#include "frame_test_util.h"
+#include "module_fixture.h"
 #include "p_dev.pb.h"
-#include "s_intf.pb.h"
-#include "test_support.h"
 
 namespace {
 
-using frame_test::golden;
-using frame_test::run_cmd;
+using namespace dpm_test;
 
-class Debug : public ::testing::Test {
+class Debug : public ModuleTest {
   protected:
+    Debug() : ModuleTest(1, false) {}
     void SetUp() override {
-        frame_test::clean_module(1);
+        ModuleTest::SetUp();
         ASSERT_EQ(dpm_at_init(), 0);
         platform::take_log();
     }
-    void TearDown() override { dpm_cache_init(); }
 
     static dpm_vsl_info *vsl(dpm_vslap_cache_t &c, int apid, int dev, int slot, int lport) {
         auto *v = dpm_zalloc<dpm_vsl_info>();
@@ -93,25 +85,15 @@ class DebugDtm : public Debug {
   protected:
     void SetUp() override {
         Debug::SetUp();
-        dpm_test::write_root_file("etc/pktdbg/fib",
-                                  "owner:1,dst:2,oif:1\nowner:1,dst:3,oif:2\nowner:9,dst:9,oif:9\n"
-                                  "owner:8,dst:8,oif:8\nowner:7,dst:7,oif:7\n");
-        dpm_test::write_root_file("etc/pktdbg/mfib", "iif:1,oif1:2,oif2:3,own:1,src:4\n");
+        root_file("etc/pktdbg/fib",
+                  "owner:1,dst:2,oif:1\nowner:1,dst:3,oif:2\nowner:9,dst:9,oif:9\n"
+                  "owner:8,dst:8,oif:8\nowner:7,dst:7,oif:7\n");
+        root_file("etc/pktdbg/mfib", "iif:1,oif1:2,oif2:3,own:1,src:4\n");
     }
     void TearDown() override {
-        dpm_test::remove_root_file("etc/pktdbg/fib");
-        dpm_test::remove_root_file("etc/pktdbg/mfib");
+        root_file("etc/pktdbg/fib", "");
+        root_file("etc/pktdbg/mfib", "");
         Debug::TearDown();
-    }
-    static std::string stored_text() {
-        auto recs = platform::db_records(3, "p_dev.dtm_route_info");
-        EXPECT_EQ(recs.size(), 1U);
-        if (recs.empty()) return {};
-        p_dev::dtm_route_info r;
-        EXPECT_TRUE(r.ParseFromString(recs[0].packed));
-        std::string text;
-        google::protobuf::TextFormat::PrintToString(r, &text);
-        return text;
     }
 };
 

@@ -1,19 +1,16 @@
 // Data-sync end: the sequence runs only once all four input syncs are over,
 // puts the previous run's unicast placements and main multicast back, and
 // rewrites the output inside the data-sync brackets.
-#include "fwd_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using fwd::FwdTest;
-using fwd::kMmc;
-using fwd::kUc;
-using Op = platform::ModuleWrite;
+using namespace dpm_test;
 
-class DsEnd : public FwdTest {
+class DsEnd : public ModuleTest {
   protected:
     void SetUp() override {
-        FwdTest::SetUp();
+        ModuleTest::SetUp();
         add_mod(1, 1);
         for (uint32_t m : {5u, 6u}) add_mod(2, m);
         add_mod(2, 7, DPM_NODE_MB);
@@ -97,8 +94,8 @@ TEST_F(DsEnd, RestartKeepsPlacementsAndExpiresTheRest) {
     EXPECT_EQ(dpm_find_modid_info(5)->uc_vsl, p2);
     EXPECT_EQ(dpm_find_modid_info(6)->uc_vsl, p1);
     // Under the open brackets every kept record is written; 8 and 5000 are deleted.
-    EXPECT_EQ(count(kUc, Op::Set), 3u);
-    EXPECT_EQ(count(kUc, Op::Del), 2u);
+    EXPECT_EQ(count_writes(kUc, Op::Set), 3u);
+    EXPECT_EQ(count_writes(kUc, Op::Del), 2u);
     EXPECT_TRUE(logged("dst modid 5000 is not exist!"));
     EXPECT_TRUE(logged("del uc, modid:5000!"));
     EXPECT_EQ(is_exprire_mom_flag, 0);
@@ -124,8 +121,8 @@ TEST_F(DsEnd, RestoredMulticastBoundOrReplaced) {
         restored_mmc(1, c.restored_modid);
         ds_ready();
         dpm_proc_ds_end(platform::host_handle());
-        EXPECT_EQ(count(kMmc, Op::Set), c.mmc_sets);
-        EXPECT_EQ(count(kMmc, Op::Del), c.mmc_dels);
+        EXPECT_EQ(count_writes(kMmc, Op::Set), c.mmc_sets);
+        EXPECT_EQ(count_writes(kMmc, Op::Del), c.mmc_dels);
         EXPECT_EQ(dpm_mmc[1].modid, c.modid_after);
         EXPECT_EQ(dpm_mmc[1].valid, 1);
         EXPECT_EQ(dpm_mmc[1].wait_add, 1);

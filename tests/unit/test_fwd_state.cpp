@@ -1,40 +1,21 @@
 // Member forwarding state: exact word matching, the own record never taken
 // from the database, application after data sync, and the one-way move of the
 // own state to "forward" with its write.
-#include <vector>
-
-#include "intake_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using dpm_test::Event;
-using intake_test::IntakeTest;
-
-struct DevState {
-    UCluster__DevIdx idx = U_CLUSTER__DEV_IDX__INIT;
-    UCluster__KelDevFwdstate rec = U_CLUSTER__KEL_DEV_FWDSTATE__INIT;
-    std::string word;
-    DevState(uint32_t devid, std::string w) : word(std::move(w)) {
-        idx.devid = devid;
-        rec.index = &idx;
-        rec.fwd_state = word.data();
-    }
-    DevState(const DevState &) = delete;
-    ProtobufCMessage *msg() { return &rec.base; }
-};
+using namespace dpm_test;
 
 // The own record as written to UDP_DB.
 std::string written_word(const platform::ModuleWrite &w) {
-    UCluster__KelDevFwdstate *m = u_cluster__kel_dev_fwdstate__unpack(
-        nullptr, w.packed.size(), reinterpret_cast<const uint8_t *>(w.packed.data()));
-    if (m == nullptr) return "<undecodable>";
-    std::string out = std::to_string(m->index != nullptr ? m->index->devid : 999) + ":" +
-                      (m->fwd_state != nullptr ? m->fwd_state : "");
-    u_cluster__kel_dev_fwdstate__free_unpacked(m, nullptr);
-    return out;
+    Unpacked<UCluster__KelDevFwdstate> m(&u_cluster__kel_dev_fwdstate__descriptor, w.packed);
+    if (m.msg == nullptr) return "<undecodable>";
+    return std::to_string(m->index != nullptr ? m->index->devid : 999) + ":" +
+           (m->fwd_state != nullptr ? m->fwd_state : "");
 }
 
-class FwdStateTest : public IntakeTest {};
+class FwdStateTest : public ModuleTest {};
 
 TEST_F(FwdStateTest, UpdateMyFwdState) {
     struct Row {

@@ -1,21 +1,16 @@
 // Logging and event timing: the level gate, the formatting idiom, the fixed
 // file paths, the timing ring with its dumps, and the temporary level.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-
-#include "frame_test_util.h"
-#include "test_support.h"
+#include "module_fixture.h"
 
 namespace {
 
-using frame_test::run_cmd;
+using namespace dpm_test;
 
-class Log : public ::testing::Test {
+class Log : public ModuleTest {
   protected:
+    Log() : ModuleTest(1, false) {}
     void SetUp() override {
-        frame_test::clean_module(1);
+        ModuleTest::SetUp();
         ASSERT_EQ(dpm_at_init(), 0);
         platform::take_log();
     }
@@ -58,11 +53,11 @@ TEST_F(Log, LevelGateForEachLevelWord) {
         DPM_FATAL("f");
         auto log = platform::take_log();
         const std::string fn = "TestBody";
-        EXPECT_EQ(frame_test::has_log(log, fn, "i", XN_ZLOG_INFO), r.info) << r.module_level;
-        EXPECT_EQ(frame_test::has_log(log, fn, "n", XN_ZLOG_NOTICE), r.notice) << r.module_level;
-        EXPECT_EQ(frame_test::has_log(log, fn, "w", XN_ZLOG_WARN), r.warn) << r.module_level;
-        EXPECT_EQ(frame_test::has_log(log, fn, "e", XN_ZLOG_ERROR), r.error) << r.module_level;
-        EXPECT_EQ(frame_test::has_log(log, fn, "f", XN_ZLOG_FATAL), r.fatal) << r.module_level;
+        EXPECT_EQ(has_log(log, fn, "i", XN_ZLOG_INFO), r.info) << r.module_level;
+        EXPECT_EQ(has_log(log, fn, "n", XN_ZLOG_NOTICE), r.notice) << r.module_level;
+        EXPECT_EQ(has_log(log, fn, "w", XN_ZLOG_WARN), r.warn) << r.module_level;
+        EXPECT_EQ(has_log(log, fn, "e", XN_ZLOG_ERROR), r.error) << r.module_level;
+        EXPECT_EQ(has_log(log, fn, "f", XN_ZLOG_FATAL), r.fatal) << r.module_level;
     }
 }
 

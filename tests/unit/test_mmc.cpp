@@ -1,48 +1,30 @@
 // Main multicast: the choice, its move inside one chip, its removal in the
 // three situations of the card and the confirmation, and the confirmations.
-#include "fwd_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using fwd::FwdTest;
-using fwd::kMmc;
-using fwd::kMmcBack;
-using fwd::Unpacked;
-using Op = platform::ModuleWrite;
+using namespace dpm_test;
 
-class Mmc : public FwdTest {
+class Mmc : public ModuleTest {
   protected:
     // A confirmation record of the hardware side.
-    struct Back {
-        UCluster__ModApidIdx idx = U_CLUSTER__MOD_APID_IDX__INIT;
-        UCluster__MainmcVlanSt rec = U_CLUSTER__MAINMC_VLAN_ST__INIT;
-        Back(uint32_t modid, uint32_t apid) {
-            idx.t_cfg_modid = modid;
-            idx.apid = apid;
-            rec.index = &idx;
-        }
-        Back(const Back &) = delete;
-    };
+    static std::string back(uint32_t modid, uint32_t apid) {
+        return fmt("index { t_cfg_modid: %u apid: %u }", modid, apid);
+    }
     static int deliver(int cmd, uint32_t modid, uint32_t apid) {
-        Back b(modid, apid);
-        xn_mom_msg_t msg{};
-        msg.cmd = cmd;
-        msg.data = &b.rec.base;
-        return dpm_mmc_back_cb(platform::host_handle(), &msg);
+        Record<UCluster__MainmcVlanSt> b(&u_cluster__mainmc_vlan_st__descriptor, back(modid, apid));
+        return dpm_mmc_back_cb(platform::host_handle(), Event::with(cmd, b.base()).get());
     }
     static void store_back(uint32_t modid, uint32_t apid) {
-        Back b(modid, apid);
-        uint8_t buf[64];
-        size_t n = protobuf_c_message_pack(&b.rec.base, buf);
-        ASSERT_EQ(platform::db_set(XN_MOM_TOPO_DB, kMmcBack,
-                                   std::string(reinterpret_cast<char *>(buf), n)),
+        ASSERT_EQ(platform::db_set(XN_MOM_TOPO_DB, kMmcBack, packed(kMmcBack, back(modid, apid))),
                   0);
         platform::run_until_idle();
     }
     // Take a port out of the active list and settle the multicast, as the
     // removal does.
     static void take_down(dpm_vsl_info *v) {
-        dpm_vsl_port port = port_of(v);
+        dpm_vsl_port port{v->devid, v->slot, v->sslot, v->lport};
         dpm_vsl_info *gone = dpm_del_vsl_info(&dpm_vslap_cache, &port, v->apid);
         ASSERT_EQ(gone, v);
         dpm_calc_mmc_by_vsldown(gone);
@@ -71,7 +53,7 @@ TEST_F(Mmc, NewChoiceLeavesAnAwaitedRemovalAwaited) {
     EXPECT_TRUE(logged("recalculate mmc[apid:1]. rv is 0"));
     EXPECT_EQ(dpm_mmc[1].wait_del, 0);
     EXPECT_EQ(dpm_mmc[1].lport, 4u);
-    EXPECT_EQ(count(kMmc, Op::Set), 1u);  // chosen again and written
+    EXPECT_EQ(count_writes(kMmc, Op::Set), 1u);  // chosen again and written
 }
 
 // With the card gone nobody confirms the awaited removal either: it ends here.

@@ -5,43 +5,29 @@
 #include <set>
 #include <vector>
 
-#include "intake_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using dpm_test::Event;
-using intake_test::IntakeTest;
+using namespace dpm_test;
 
-struct ModAlloc {
-    SIntf__ModAllocIndex idx = S_INTF__MOD_ALLOC_INDEX__INIT;
-    SIntf__EvtModAlloc rec = S_INTF__EVT_MOD_ALLOC__INIT;
-    ModAlloc(int32_t devid, int32_t slot, int32_t modid, int32_t unit = 0, int32_t sslot = 0,
-             PDev__DmNodeTypeE type = P_DEV__DM_NODE_TYPE_E__DM_TYPE_LC) {
-        idx.devid = devid;
-        idx.slotid = slot;
-        idx.sslotid = sslot;
-        idx.unit = unit;
-        rec.index = &idx;
-        rec.modid = modid;
-        rec.node = 7;
-        rec.unit = unit;
-        rec.node_type = type;
-        rec.idnum_per_unit = 4;
-    }
-    ModAlloc(const ModAlloc &) = delete;
-    ProtobufCMessage *msg() { return &rec.base; }
+// A line card's module id on chip `unit` of device/slot.
+struct ModAlloc : Record<SIntf__EvtModAlloc> {
+    ModAlloc(int32_t devid, int32_t slot, int32_t modid, int32_t unit = 0)
+        : Record(&s_intf__evt_mod_alloc__descriptor,
+                 fmt("index { devid: %d slotid: %d unit: %d } modid: %d node: 7 unit: %d "
+                     "node_type: DM_TYPE_LC idnum_per_unit: 4",
+                     devid, slot, unit, modid, unit)) {}
 };
 
 int add(ModAlloc &m) {
-    Event e = Event::hmset(m.msg());
-    return dpm_mod_alloc_cb(platform::host_handle(), e.get());
+    return dpm_mod_alloc_cb(platform::host_handle(), Event::hmset(m.base()).get());
 }
 int del(ModAlloc &m) {
-    Event e = Event::del(m.msg());
-    return dpm_mod_alloc_cb(platform::host_handle(), e.get());
+    return dpm_mod_alloc_cb(platform::host_handle(), Event::del(m.base()).get());
 }
 
-class ModidTest : public IntakeTest {
+class ModidTest : public ModuleTest {
   protected:
     // Every count, bitmap and the index agree with the lists.
     static void expect_consistent() {
@@ -119,9 +105,7 @@ TEST_F(ModidTest, AddForAnotherDeviceMovesTheModuleId) {
         EXPECT_EQ(port.modid_cnt, 0U);
         EXPECT_FALSE(dpm_bmp_test(port.modid_bmp, 100));
         EXPECT_EQ(dpm_find_dev_head(2) != nullptr, row.old_dev_keeps_another);
-        EXPECT_EQ(
-            intake_test::count_writes("u_cluster.kel_dev_fwdstate", platform::ModuleWrite::Del),
-            row.fwd_deletes);
+        EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Del), row.fwd_deletes);
         expect_consistent();
         TearDown();
     }
@@ -157,13 +141,9 @@ TEST_F(ModidTest, LastModuleIdRemovesTheDeviceAndAsMasterItsStates) {
         EXPECT_EQ(del(a), 0);
         EXPECT_EQ(dpm_find_dev_head(2), nullptr);
         bool master = role == 1;
-        EXPECT_EQ(
-            intake_test::count_writes("u_cluster.kel_dev_fwdstate", platform::ModuleWrite::Del),
-            master ? 1U : 0U);
-        EXPECT_EQ(
-            intake_test::count_writes("u_cluster.vsl_chip_fwdstate", platform::ModuleWrite::Del),
-            master ? 1U : 0U);
-        EXPECT_EQ(intake_test::list_len(&dpm_vsl_chip_head), master ? 0U : 1U);
+        EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Del), master ? 1U : 0U);
+        EXPECT_EQ(count_writes("u_cluster.vsl_chip_fwdstate", Op::Del), master ? 1U : 0U);
+        EXPECT_EQ(dpm_list_count(&dpm_vsl_chip_head), master ? 0U : 1U);
         expect_consistent();
         TearDown();
     }

@@ -8,7 +8,7 @@
 
 #include "../../host/picture.cpp"
 #include "../../host/records.cpp"
-#include "frame_test_util.h"
+#include "module_fixture.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ std::vector<host::MemberView> two_members() {
 TEST(Picture, TwoMembersInAnyOrderGiveOneTextThatGraphvizDraws) {
     auto views = two_members();
     std::string dot = host::unit_dot(views, "two members");
-    EXPECT_EQ(dot, frame_test::golden("picture_two_members.dot"));
+    EXPECT_EQ(dot, dpm_test::golden("picture_two_members.dot"));
 
     std::reverse(views.begin(), views.end());
     for (auto &v : views) std::reverse(v.records.begin(), v.records.end());

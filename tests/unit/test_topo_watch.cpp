@@ -1,34 +1,25 @@
 // TOPO_DB watchers: read-back of the module's earlier output into the caches,
 // refusal of records that cannot be held, and the expiry brackets.
-#include <gtest/gtest.h>
-
-#include "frame_test_util.h"
-#include "test_support.h"
+#include "module_fixture.h"
 #include "u_cluster.pb.h"
 
 namespace {
 
-using frame_test::has_log;
+using namespace dpm_test;
 
-class TopoWatch : public ::testing::Test {
+class TopoWatch : public ModuleTest {
   protected:
-    void SetUp() override { frame_test::clean_module(4); }
-    void TearDown() override { dpm_cache_init(); }
+    TopoWatch() : ModuleTest(4, false) {}
 
     static void ds_request(int (*watcher)(void *, xn_mom_msg_t *)) {
-        auto ev = dpm_test::Event::ds_request();
-        EXPECT_EQ(watcher(platform::host_handle(), ev.get()), 0);
+        EXPECT_EQ(watcher(platform::host_handle(), Event::ds_request().get()), 0);
         platform::run_until_idle();
     }
     static void put_uc(uint32_t modid, uint32_t local, uint32_t apid, uint32_t lport,
                        uint32_t peer) {
-        u_cluster::kel_uc_balance r;
-        r.mutable_index()->set_modid(modid);
-        r.set_local_modid(local);
-        r.set_apid(apid);
-        r.set_lport(lport);
-        r.set_peer_modid(peer);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.kel_uc_balance", r.SerializeAsString()), 0);
+        const char *f = "index { modid: %u } local_modid: %u apid: %u lport: %u peer_modid: %u";
+        ASSERT_EQ(platform::db_set(14, kUc, packed(kUc, fmt(f, modid, local, apid, lport, peer))),
+                  0);
     }
     static std::vector<dpm_uc_info> uc_entries() {
         std::vector<dpm_uc_info> out;
@@ -115,15 +106,9 @@ class Expire : public TopoWatch {
     // disappears exactly when its bracket closes.
     static void put_stale() {
         put_uc(2000, 1, 1, 1, 1);
-        u_cluster::vsl_srcmod_igr igr;
-        igr.mutable_index()->set_apid(3);
-        u_cluster::vsl_srcmod_egr egr;
-        egr.mutable_index()->set_apid(3);
-        u_cluster::vsl_ap_member mbr;
-        mbr.mutable_index()->set_apid(3);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_srcmod_igr", igr.SerializeAsString()), 0);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_srcmod_egr", egr.SerializeAsString()), 0);
-        ASSERT_EQ(platform::db_set(14, "u_cluster.vsl_ap_member", mbr.SerializeAsString()), 0);
+        for (const std::string &type : {kIgr, kEgr, std::string("u_cluster.vsl_ap_member")}) {
+            ASSERT_EQ(platform::db_set(14, type, packed(type, "index { apid: 3 }")), 0);
+        }
     }
     static bool stale_left(const char *type) {
         for (const auto &r : platform::db_records(14, type)) {
@@ -199,7 +184,7 @@ TEST_F(Expire, ClosingStopsAtTheFirstFailureAndTheFlagIsCleared) {
                             "dsend apmbr failed!"};
     for (int k = 0; k < 4; ++k) {
         SCOPED_TRACE(errors[k]);
-        frame_test::clean_module(4);
+        clean_module(4);
         ring_on();
         put_stale();
         platform::run_until_idle();

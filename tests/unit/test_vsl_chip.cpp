@@ -3,29 +3,20 @@
 // data sync, deletion by record and by device.
 #include <vector>
 
-#include "intake_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using dpm_test::Event;
-using intake_test::IntakeTest;
+using namespace dpm_test;
 
-struct ChipState {
-    UCluster__ChipIdx idx = U_CLUSTER__CHIP_IDX__INIT;
-    UCluster__VslChipFwdstate rec = U_CLUSTER__VSL_CHIP_FWDSTATE__INIT;
-    std::string word;
-    ChipState(uint32_t dev, uint32_t slot, uint32_t unit, uint32_t modid, std::string w)
-        : word(std::move(w)) {
-        idx.t_devid = dev;
-        idx.slot = slot;
-        idx.sslot = 0;
-        idx.unit = unit;
-        rec.index = &idx;
-        rec.fwd_state = word.data();
-        rec.modid = modid;
-    }
-    ChipState(const ChipState &) = delete;
-    ProtobufCMessage *msg() { return &rec.base; }
+// A "forward" report of chip `unit` (module id `modid`) of device/slot 1.
+std::string chip_state(uint32_t dev, uint32_t unit, uint32_t modid) {
+    return fmt("index { t_devid: %u slot: 1 unit: %u } fwd_state: \"forward\" modid: %u", dev, unit,
+               modid);
+}
+struct ChipState : Record<UCluster__VslChipFwdstate> {
+    ChipState(uint32_t dev, uint32_t unit, uint32_t modid)
+        : Record(&u_cluster__vsl_chip_fwdstate__descriptor, chip_state(dev, unit, modid)) {}
 };
 
 int feed(Event e) {
@@ -39,7 +30,7 @@ std::vector<uint32_t> listed_modids() {
     return out;
 }
 
-class VslChipTest : public IntakeTest {};
+class VslChipTest : public ModuleTest {};
 
 TEST_F(VslChipTest, OwnChipAfterAnApplicationMakesTheMemberForward) {
     struct Row {
@@ -64,26 +55,25 @@ TEST_F(VslChipTest, OwnChipAfterAnApplicationMakesTheMemberForward) {
             dpm_add_dtm_info(m);
             dpm_set_hwcfg(m);
         }
-        ChipState s(row.chip_dev, 1, 0, 30, "forward");
-        EXPECT_EQ(feed(Event::set(s.msg())), 0);
+        ChipState s(row.chip_dev, 0, 30);
+        EXPECT_EQ(feed(Event::set(s.base())), 0);
         EXPECT_EQ(dpm_get_my_fwd_state(), row.expect_state);
-        EXPECT_EQ(
-            intake_test::count_writes("u_cluster.kel_dev_fwdstate", platform::ModuleWrite::Set),
-            row.expect_state == DPM_FWD_FORWARD ? 1U : 0U);
+        EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Set),
+                  row.expect_state == DPM_FWD_FORWARD ? 1U : 0U);
         EXPECT_EQ(logged("ds not end!", "dpm_proc_vsl_chipst_add"), !row.ready);
         TearDown();
     }
 }
 
 TEST_F(VslChipTest, DeleteEventRemovesOnlyThatChip) {
-    ChipState a(2, 1, 0, 20, "forward");
-    ChipState b(2, 1, 1, 21, "forward");
-    ASSERT_EQ(feed(Event::set(a.msg())), 0);
-    ASSERT_EQ(feed(Event::set(b.msg())), 0);
-    EXPECT_EQ(feed(Event::del(a.msg())), 0);
+    ChipState a(2, 0, 20);
+    ChipState b(2, 1, 21);
+    ASSERT_EQ(feed(Event::set(a.base())), 0);
+    ASSERT_EQ(feed(Event::set(b.base())), 0);
+    EXPECT_EQ(feed(Event::del(a.base())), 0);
     EXPECT_EQ(listed_modids(), (std::vector<uint32_t>{21}));
     clear_log();
-    EXPECT_EQ(feed(Event::del(a.msg())), 0);
+    EXPECT_EQ(feed(Event::del(a.base())), 0);
     EXPECT_TRUE(logged("can't find vsl_chip"));
     EXPECT_TRUE(platform::module_writes().empty());
 }
@@ -98,9 +88,8 @@ TEST_F(VslChipTest, EventFrameScanAndBadRecords) {
     EXPECT_TRUE(logged("vsl_chip state record invalid, cmd:1, dropped"));
     EXPECT_TRUE(listed_modids().empty());
 
-    ChipState stored(2, 1, 0, 20, "forward");
     ASSERT_EQ(platform::db_set(XN_MOM_UDP_DB, "u_cluster.vsl_chip_fwdstate",
-                               dpm_test::pack(stored.msg())),
+                               packed("u_cluster.vsl_chip_fwdstate", chip_state(2, 0, 20))),
               0);
     EXPECT_EQ(feed(Event::ds_request()), 0);
     platform::run_until_idle();

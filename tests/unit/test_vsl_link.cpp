@@ -2,39 +2,26 @@
 // of both ends in any order, chip lookups and their limits, the readiness gate
 // with its first-port exception, relearning of chip ids, and records that the
 // caches cannot hold.
-#include <cstring>
-#include <vector>
+#include <optional>
 
-#include "intake_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using dpm_test::Event;
-using intake_test::IntakeTest;
+using namespace dpm_test;
 
-struct Link {
-    PDev__VslPortIndex idx = P_DEV__VSL_PORT_INDEX__INIT;
-    PDev__VslLocalLink rec = P_DEV__VSL_LOCAL_LINK__INIT;
-    Link(int32_t lport, int32_t status, int32_t apid = 1, int32_t peer_lport = -1) {
-        idx.devid = 1;
-        idx.slotid = 1;
-        idx.subslot = 0;
-        idx.lport = lport;
-        rec.index = &idx;
-        rec.status = status;
-        rec.vsl_ap = apid;
-        rec.peer_dev_id = 2;
-        rec.peer_slot_id = 1;
-        rec.peer_sslot_id = 0;
-        rec.peer_lport = peer_lport < 0 ? lport : peer_lport;
-    }
-    Link(const Link &) = delete;
-    ProtobufCMessage *msg() { return &rec.base; }
+// Port `lport` of device 1 slot 1 facing port `peer_lport` (the same one by
+// default) of device 2 slot 1.
+struct Link : Record<PDev__VslLocalLink> {
+    Link(int32_t lport, int32_t status, int32_t apid = 1, int32_t peer_lport = -1)
+        : Record(&p_dev__vsl_local_link__descriptor,
+                 fmt("index { devid: 1 slotid: 1 lport: %d } status: %d vsl_ap: %d "
+                     "peer_dev_id: 2 peer_slot_id: 1 peer_lport: %d",
+                     lport, status, apid, peer_lport < 0 ? lport : peer_lport)) {}
 };
 
 int feed(Link &l) {
-    Event e = Event::hmset(l.msg());
-    return dpm_local_vsl_cb(platform::host_handle(), e.get());
+    return dpm_local_vsl_cb(platform::host_handle(), Event::hmset(l.base()).get());
 }
 
 uint32_t gslot(uint32_t dev) {
@@ -62,10 +49,10 @@ dpm_vsl_info *waiting(int lport, int apid = 1) {
     return dpm_get_vsl_info(&dpm_vslap_unused_cache, &p, apid);
 }
 
-class VslLinkTest : public IntakeTest {
+class VslLinkTest : public ModuleTest {
   protected:
     void SetUp() override {
-        IntakeTest::SetUp();
+        ModuleTest::SetUp();
         // Ports 1..3 of device 1 face the same ports of device 2; chips 10 and 20.
         for (int lport = 1; lport <= 3; ++lport) {
             platform::set_chipid(1, 1, lport, 10);
@@ -74,8 +61,6 @@ class VslLinkTest : public IntakeTest {
         }
     }
 };
-
-// ---- cache operations -----------------------------------------------------------------
 
 // ---- readiness gate --------------------------------------------------------------------
 
@@ -124,15 +109,10 @@ TEST_F(VslLinkTest, SecondPortNeedsBothChipsInTheList) {
                "dpm_proc_rdy_chip_in_unused"));
 
     // The far chip reports forward: the chip handler moves the port.
-    UCluster__ChipIdx idx = U_CLUSTER__CHIP_IDX__INIT;
-    idx.t_devid = 2;
-    idx.slot = 1;
-    UCluster__VslChipFwdstate st = U_CLUSTER__VSL_CHIP_FWDSTATE__INIT;
-    st.index = &idx;
-    st.fwd_state = const_cast<char *>("forward");
-    st.modid = 20;
-    Event e = Event::set(&st.base);
-    ASSERT_EQ(dpm_vsl_chipst_cb(platform::host_handle(), e.get()), 0);
+    Record<UCluster__VslChipFwdstate> st(&u_cluster__vsl_chip_fwdstate__descriptor,
+                                         "index { t_devid: 2 slot: 1 } fwd_state: \"forward\" "
+                                         "modid: 20");
+    ASSERT_EQ(dpm_vsl_chipst_cb(platform::host_handle(), Event::set(st.base()).get()), 0);
     EXPECT_EQ(waiting(2), nullptr);
     EXPECT_NE(active(2), nullptr);
     EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 2U);
@@ -206,8 +186,6 @@ TEST_F(VslLinkTest, ChipLookupLimits) {
         TearDown();
     }
 }
-
-// ---- module events ------------------------------------------------------------------
 
 // ---- down records, store-only moves, bad records ------------------------------------
 

@@ -1,19 +1,15 @@
 // VSL port activation and removal: what is recomputed, where the unicast of a
 // removed port goes, and how an emptied aggregate port takes a waiting port.
-#include "fwd_fixture.h"
+#include "module_fixture.h"
 
 namespace {
 
-using fwd::FwdTest;
-using fwd::kMember;
-using fwd::kMmc;
-using fwd::kUc;
-using Op = platform::ModuleWrite;
+using namespace dpm_test;
 
-class VslUpDown : public FwdTest {
+class VslUpDown : public ModuleTest {
   protected:
     void SetUp() override {
-        FwdTest::SetUp();
+        ModuleTest::SetUp();
         add_mod(1, 1);
         for (uint32_t m : {5u, 6u, 2000u}) add_mod(2, m);
         set_dtm({{1, 2, 1}}, {{1, 2, 1, 1, 1, 0}});
