@@ -30,8 +30,6 @@ class OracleModule {
     static constexpr int kStructure = 1, kOutput = 2, kMemory = 4, kAll = 7;
     // Number of differences the oracle finds; the report lists them.
     int check(int flags, std::string *report) const;
-    // The four input syncs are over (the output checks apply).
-    bool ready() const { return (state_() & 1) != 0; }
     // The newest route map passes the calculation's test.
     bool map_usable() const { return (state_() & 2) != 0; }
     // The application holds configured devices back (see dpm_oracle_state).

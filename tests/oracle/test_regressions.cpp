@@ -72,30 +72,38 @@ TEST(Regression, RestartWithoutMapLosesMemberListsAndPermits) {
     EXPECT_EQ(topo_lines(), before) << join(topo_lines()) << "before:\n" << join(before);
 }
 
-// A chip with module id 0 reports "forward" while the card of member 1's
-// slot 2 has no module event, so the ports of that card wait with their chip
-// ids never looked up (0). At data-sync end after a restart, the ports whose
-// two chips are in the VSL chip list are put in use unchanged; chip id 0
-// matched the chip of module id 0, and the ports went into use with unknown
-// chips: main multicast chosen for module 0, unicast sent through chip 0.
+// A chip with module id 0 reports "forward" while the ports of member 1's
+// slot 2 wait with their chip ids never looked up (0: the card has no module
+// event), or while the far end of the slot-1 ports answers chip id 0. At
+// data-sync end after a restart, the ports whose two chips are in the VSL chip
+// list are put in use unchanged; chip id 0 matched the chip of module id 0,
+// and the ports went into use with unknown chips: main multicast chosen for
+// module 0, unicast sent through chip 0.
 TEST(Regression, WaitingPortsWithUnknownChipsStayWaitingAtDataSyncEnd) {
-    UnitDriver unit;
-    unit.begin(Baseline::StoredUnit);
-    ASSERT_EQ(
-        platform::db_set(kUdp, "u_cluster.vsl_chip_fwdstate", chip_state(0, 1, 0, "forward", 0)),
-        0);
-    platform::card_del(2U);  // member 1, slot 2
-    platform::run_until_idle();
-    unit.apply(Event{});
-    expect_clean("after the restart");
-    for (const auto &r : platform::db_records(kTopo)) {
-        u_cluster::mainmc_vlan mmc;
-        u_cluster::kel_uc_balance uc;
-        if (r.type == "u_cluster.mainmc_vlan" && mmc.ParseFromString(r.packed)) {
-            EXPECT_NE(mmc.index().t_cfg_modid(), 0U) << mmc.ShortDebugString();
+    for (const bool far_end : {false, true}) {
+        SCOPED_TRACE(far_end ? "far end answers chip 0" : "card without module event");
+        UnitDriver unit;
+        unit.begin(Baseline::StoredUnit);
+        ASSERT_EQ(platform::db_set(kUdp, "u_cluster.vsl_chip_fwdstate",
+                                   chip_state(0, 1, 0, "forward", 0)),
+                  0);
+        if (far_end) {
+            for (int lport : {1, 2}) platform::set_chipid(2, 1, lport, 0U);
+        } else {
+            platform::card_del(2U);  // member 1, slot 2
         }
-        if (r.type == "u_cluster.kel_uc_balance" && uc.ParseFromString(r.packed)) {
-            EXPECT_TRUE(uc.local_modid() != 0 && uc.peer_modid() != 0) << uc.ShortDebugString();
+        platform::run_until_idle();
+        unit.apply(Event{});
+        expect_clean("after the restart");
+        for (const auto &r : platform::db_records(kTopo)) {
+            u_cluster::mainmc_vlan mmc;
+            u_cluster::kel_uc_balance uc;
+            if (r.type == "u_cluster.mainmc_vlan" && mmc.ParseFromString(r.packed)) {
+                EXPECT_NE(mmc.index().t_cfg_modid(), 0U) << mmc.ShortDebugString();
+            }
+            if (r.type == "u_cluster.kel_uc_balance" && uc.ParseFromString(r.packed)) {
+                EXPECT_TRUE(uc.local_modid() != 0 && uc.peer_modid() != 0) << uc.ShortDebugString();
+            }
         }
     }
 }

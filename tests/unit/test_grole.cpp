@@ -6,11 +6,12 @@ namespace {
 
 using namespace dpm_test;
 
-// A card record of device 2, slot `slot`, online or not.
+// A card record of device 2, slot `slot` (subslot `sslot`), online or not.
 struct Card : Record<PDev__CardInfo> {
-    Card(int32_t slot, bool online)
+    Card(int32_t slot, bool online, int32_t sslot = 0)
         : Record(&p_dev__card_info__descriptor,
-                 fmt("index { devid: 2 slotid: %d } is_online: %d", slot, online ? 1 : 0)) {}
+                 fmt("index { devid: 2 slotid: %d sslotid: %d } is_online: %d", slot, sslot,
+                     online ? 1 : 0)) {}
 };
 
 class GroleTest : public ModuleTest {};
@@ -36,6 +37,8 @@ TEST_F(GroleTest, CardRemovalEndsOnlyTheWaitOnThatCard) {
     Card other(5, false);
     EXPECT_EQ(dpm_add_card_info(nullptr, nullptr, other.base(), nullptr), 0);
     EXPECT_TRUE(logged("card_remove:[devid:2, slotid:5, sslotid:0]"));
+    Card subslot(1, false, 1);
+    EXPECT_EQ(dpm_add_card_info(nullptr, nullptr, subslot.base(), nullptr), 0);
     EXPECT_EQ(dpm_mmc[1].wait_del, 1);
     EXPECT_EQ(dpm_mmc[2].wait_del, 1);
     EXPECT_TRUE(platform::module_writes().empty());

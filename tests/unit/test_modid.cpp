@@ -13,11 +13,11 @@ using namespace dpm_test;
 
 // A line card's module id on chip `unit` of device/slot.
 struct ModAlloc : Record<SIntf__EvtModAlloc> {
-    ModAlloc(int32_t devid, int32_t slot, int32_t modid, int32_t unit = 0)
+    ModAlloc(int32_t devid, int32_t slot, int32_t modid, int32_t unit = 0, int32_t sslot = 0)
         : Record(&s_intf__evt_mod_alloc__descriptor,
-                 fmt("index { devid: %d slotid: %d unit: %d } modid: %d node: 7 unit: %d "
-                     "node_type: DM_TYPE_LC idnum_per_unit: 4",
-                     devid, slot, unit, modid, unit)) {}
+                 fmt("index { devid: %d slotid: %d sslotid: %d unit: %d } modid: %d node: 7 "
+                     "unit: %d node_type: DM_TYPE_LC idnum_per_unit: 4",
+                     devid, slot, sslot, unit, modid, unit)) {}
 };
 
 int add(ModAlloc &m) {
@@ -118,6 +118,9 @@ TEST_F(ModidTest, DeleteFindsTheEntryByChipPositionNotByModuleId) {
     ModAlloc b(2, 1, 101, 1);
     ASSERT_EQ(add(a), 0);
     ASSERT_EQ(add(b), 0);
+    ModAlloc other_sslot(2, 1, 101, 1, 1);  // the same unit of another subslot
+    del(other_sslot);
+    EXPECT_NE(dpm_find_modid_info(101), nullptr);
     ModAlloc by_pos(2, 1, 555, 1);  // unit 1 is module id 101
     EXPECT_EQ(del(by_pos), 0);
     EXPECT_EQ(dpm_find_modid_info(101), nullptr);

@@ -39,6 +39,7 @@ TEST_F(TopoWatch, UnicastReadBackTakesTheRecordsValues) {
     put_uc(2047, 1, 1, 1, 1);
     put_uc(3000, 1, 1, 1, 1);  // beyond any module-id table: taken all the same
 
+    g_mmc_ds_over = 1;
     ds_request(dpm_uc_balance_cb);
     const auto e = uc_entries();
     ASSERT_EQ(e.size(), 4U);
@@ -60,6 +61,7 @@ TEST_F(TopoWatch, UnicastReadBackTakesTheRecordsValues) {
     }
     EXPECT_EQ(g_uc_ds_over, 1);
     EXPECT_EQ(g_igr_ds_over, 0);
+    EXPECT_FALSE(platform::db_connected(XN_MOM_LOCAL_DB));  // LOCAL_DB waits for all three
 }
 
 TEST_F(TopoWatch, IngressReadBackCopiesExactly64Words) {
@@ -78,6 +80,7 @@ TEST_F(TopoWatch, IngressReadBackCopiesExactly64Words) {
     }
     dpm_igr_permit_applied[1].modid_bmp[3] = 0x55;  // must survive the refused record
 
+    g_mmc_ds_over = g_uc_ds_over = 1;
     ds_request(dpm_igr_cb);
     EXPECT_EQ(dpm_igr_permit_applied[2].apid, 2U);
     for (uint32_t i = 0; i < 64; ++i) {
@@ -94,6 +97,7 @@ TEST_F(TopoWatch, IngressReadBackCopiesExactly64Words) {
     EXPECT_TRUE(has_log(log, "dpm_igr_scan_cb",
                         "igr record apid 1 carries 63 permit words, need 64, dropped"));
     EXPECT_EQ(g_igr_ds_over, 1);
+    EXPECT_TRUE(platform::db_connected(XN_MOM_LOCAL_DB));
 }
 
 // ---------------------------------------------------------------------------

@@ -82,8 +82,8 @@ TEST_F(VslChipTest, EventFrameScanAndBadRecords) {
     UCluster__VslChipFwdstate no_index = U_CLUSTER__VSL_CHIP_FWDSTATE__INIT;
     EXPECT_EQ(dpm_vsl_chipst_cb(platform::host_handle(), nullptr), DPM_ERR_EVENT);
     EXPECT_TRUE(logged("msg is NULL!"));
-    EXPECT_EQ(feed(Event::error(2)), DPM_ERR_EVENT);
-    EXPECT_TRUE(logged("msg error is 2!"));
+    EXPECT_EQ(feed(Event::error(1)), DPM_ERR_EVENT);
+    EXPECT_TRUE(logged("msg error is 1!"));
     EXPECT_EQ(feed(Event::set(&no_index.base)), 0);
     EXPECT_TRUE(logged("vsl_chip state record invalid, cmd:1, dropped"));
     EXPECT_TRUE(listed_modids().empty());
