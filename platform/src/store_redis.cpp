@@ -182,6 +182,17 @@ std::string str(const redisReply *r) {
                : std::string();
 }
 
+// One entry of an XRANGE or XREAD reply: its id and its fields (the last of a
+// repeated name wins). False when the reply is not shaped like an entry.
+bool stream_entry(const redisReply *e, StreamId *id, std::map<std::string, std::string> *fields) {
+    if (e->type != REDIS_REPLY_ARRAY || e->elements != 2 || !parse_id(str(e->element[0]), id))
+        return false;
+    const redisReply *f = e->element[1];
+    for (size_t j = 0; f->type == REDIS_REPLY_ARRAY && j + 1 < f->elements; j += 2)
+        (*fields)[str(f->element[j])] = str(f->element[j + 1]);
+    return true;
+}
+
 class RedisStore : public Store {
   public:
     explicit RedisStore(std::string address) : address_(std::move(address)) {}
@@ -579,33 +590,19 @@ class RedisStore : public Store {
         auto &buf = buffers_[stream];
         StreamId &top = fetched_[stream];
         for (size_t i = 0; i < entries->elements; i++) {
-            const redisReply *e = entries->element[i];
             StreamId id;
-            if (e->type != REDIS_REPLY_ARRAY || e->elements != 2 ||
-                !parse_id(str(e->element[0]), &id)) {
-                continue;
-            }
-            if (id <= top) continue;
+            std::map<std::string, std::string> f;
+            if (!stream_entry(entries->element[i], &id, &f) || id <= top) continue;
             top = id;
-            const redisReply *f = e->element[1];
-            int cmd = -1;
-            std::string packed;
-            bool has_packed = false;
-            for (size_t j = 0; f->type == REDIS_REPLY_ARRAY && j + 1 < f->elements; j += 2) {
-                std::string name = str(f->element[j]);
-                if (name == "cmd") cmd = std::atoi(str(f->element[j + 1]).c_str());
-                if (name == "packed") {
-                    packed = str(f->element[j + 1]);
-                    has_packed = true;
-                }
-            }
-            if (!has_packed ||
+            const auto c = f.find("cmd"), packed = f.find("packed");
+            const int cmd = c == f.end() ? -1 : std::atoi(c->second.c_str());
+            if (packed == f.end() ||
                 (cmd != XN_MOM_CMD_SET && cmd != XN_MOM_CMD_DEL && cmd != XN_MOM_CMD_HMSET)) {
                 std::fprintf(stderr, "xn_mom: entry %s of %s is not an event of ours, dropped\n",
                              id_text(id).c_str(), stream.c_str());
                 continue;
             }
-            buf.push_back(Event{id, cmd, std::move(packed)});
+            buf.push_back(Event{id, cmd, std::move(packed->second)});
         }
     }
 
@@ -614,19 +611,10 @@ class RedisStore : public Store {
     bool take_unit(const redisReply *entries) {
         bool any = false;
         for (size_t i = 0; i < entries->elements; i++) {
-            const redisReply *e = entries->element[i];
             StreamId id;
-            if (e->type != REDIS_REPLY_ARRAY || e->elements != 2 ||
-                !parse_id(str(e->element[0]), &id)) {
-                continue;
-            }
-            unit_from_ = std::max(unit_from_, id);
             std::map<std::string, std::string> f;
-            const redisReply *fields = e->element[1];
-            for (size_t j = 0; fields->type == REDIS_REPLY_ARRAY && j + 1 < fields->elements;
-                 j += 2) {
-                f[str(fields->element[j])] = str(fields->element[j + 1]);
-            }
+            if (!stream_entry(entries->element[i], &id, &f)) continue;
+            unit_from_ = std::max(unit_from_, id);
             int member = std::atoi(f["member"].c_str());
             if (f["origin"] == origin_ || (member != 0 && member != st().module_member)) continue;
             const std::string &kind = f["kind"];
