@@ -4,7 +4,7 @@ set -euo pipefail
 pkgs=(cmake ninja-build g++ clang clang-format clang-tidy libclang-rt-14-dev pkg-config
       protobuf-c-compiler libprotobuf-c-dev protobuf-compiler libprotobuf-dev
       libgtest-dev libgmock-dev libbenchmark-dev libreadline-dev graphviz
-      redis-server redis-tools libhiredis-dev)
+      redis-server redis-tools libhiredis-dev libyaml-cpp-dev python3-clang-14)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
