@@ -13,7 +13,7 @@
 #   --report   only print the summary of the recorded results
 #
 # Results go to DIR/mutate/results.tsv (number, outcome, killing tests); the
-# summary gives the kill rate overall, per test layer (ctest labels unit,
+# summary gives the kill rate overall, per test layer (ctest labels module,
 # scenario, oracle) and per test file, the survivors, and apart from those the
 # mutants that do not apply or do not compile. Run it niced on a shared machine.
 set -euo pipefail

@@ -76,14 +76,14 @@ for n in killed:
         layer, file = where.get(t, ("?", "?"))
         by_layer[layer].add(n)
         by_file[file].add(n)
-for layer in ("unit", "scenario", "oracle"):
+for layer in ("module", "scenario", "oracle"):
     print(f"  layer {layer:9s}: {rate(len(by_layer[layer]), len(ran))}")
-for layer in sorted(set(by_layer) - {"unit", "scenario", "oracle"}):
+for layer in sorted(set(by_layer) - {"module", "scenario", "oracle"}):
     print(f"  layer {layer:9s}: {rate(len(by_layer[layer]), len(ran))}")
-others = by_layer["unit"] | by_layer["scenario"]
+others = by_layer["module"] | by_layer["scenario"]
 only_oracle = by_layer["oracle"] - others
 print(f"  killed only by the oracle layer: {sorted(only_oracle)}")
-only_scen = by_layer["scenario"] - by_layer["unit"] - by_layer["oracle"]
+only_scen = by_layer["scenario"] - by_layer["module"] - by_layer["oracle"]
 print(f"  killed only by scenarios: {sorted(only_scen)}")
 print("per test file (mutants killed):")
 for file, ns in sorted(by_file.items(), key=lambda x: (-len(x[1]), x[0])):

@@ -3,17 +3,17 @@
 # dpm-host process with its own module, on a private redis-server; the topology
 # producer and the hardware side are processes too. Phases: the unit comes up,
 # a link fails, a card fails, member 2 restarts (missing a change while away).
-# After each phase every member must have converged (scenarios/unit/check_*,
+# After each phase every member must have converged (scenarios/three_members/check_*,
 # waited for, bounded). Exit 0 only when every phase holds.
 #
-#   scripts/run-unit.sh            (BUILD=DIR for another build tree)
+#   scripts/run-three-members.sh            (BUILD=DIR for another build tree)
 # After each phase the whole unit is drawn into $PICTURES (default
-# build/unit-pictures), whose path the run prints.
+# build/three-members-pictures), whose path the run prints.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD:-$root/build/default}
 host=$build/host/dpm-host
-unit=$root/scenarios/unit
+unit=$root/scenarios/three_members
 if [ ! -x "$host" ]; then
   "$root/scripts/setup.sh"
   (cd "$root" && cmake --preset default >/dev/null && cmake --build --preset default --target dpm-host)
@@ -21,7 +21,7 @@ fi
 
 dir=$(mktemp -d "${TMPDIR:-/tmp}/dpm-unit.XXXXXX")
 sock=$dir/redis.sock
-pictures=${PICTURES:-$root/build/unit-pictures}
+pictures=${PICTURES:-$root/build/three-members-pictures}
 mkdir -p "$pictures"
 phase=0
 echo "pictures: $pictures"
