@@ -3,222 +3,20 @@
 // output of the action are kept for the expectations that follow it.
 #include "host.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <cstring>
-#include <map>
-#include <sstream>
-#include <memory>
 
-#include <google/protobuf/util/message_differencer.h>
-
-#include "picture.h"
+#include "exit_watch.h"
+#include "output_capture.h"
 #include "records.h"
-#include "responder.h"
 
 namespace host {
 
 namespace pb = google::protobuf;
-
-namespace {
-
-// One command must not keep the loop busy for ever: a module that keeps
-// requeueing work would otherwise hang the run instead of failing it.
-constexpr size_t kMaxCallbacks = 10'000'000;
-
-const char *const kRingCutKey = "u_cluster/dpm/dev_topo/kel_ring_cut_type";
-
-// The process can end inside a module callback (exit 77 on a lost session).
-// This watch, read by the on_exit handler, knows which statement was running,
-// whether that end was expected, and which scratch directory to remove.
-struct ExitWatch {
-    std::string scratch;
-    std::string running;  // "file:line" of the statement being executed
-    bool awaited = false;
-    int status = 0;
-    std::optional<int> next_status;  // set by "expect exit", taken by the next statement
-    bool finished = false;           // the host ends on its own
-};
-ExitWatch g_watch;
-
-// Everything printed while an action runs, by the module from any callback
-// (timers included) and by the host's own reports, is that action's output:
-// standard output goes to a scratch file for the length of the action and is
-// read back afterwards, kept for the expectations and passed on.
-struct StdoutCapture {
-    FILE *file = nullptr;
-    int saved = -1;
-};
-StdoutCapture g_capture;
-
-bool capture_begin() {
-    fflush(stdout);
-    g_capture.file = tmpfile();
-    g_capture.saved = g_capture.file != nullptr ? dup(STDOUT_FILENO) : -1;
-    if (g_capture.saved < 0 || dup2(fileno(g_capture.file), STDOUT_FILENO) < 0) {
-        if (g_capture.saved >= 0) close(g_capture.saved);
-        if (g_capture.file != nullptr) fclose(g_capture.file);
-        g_capture = StdoutCapture{};
-        return false;
-    }
-    return true;
-}
-
-// Standard output back where it was; returns what the action printed.
-std::string capture_end() {
-    if (g_capture.file == nullptr) return {};
-    fflush(stdout);
-    dup2(g_capture.saved, STDOUT_FILENO);
-    close(g_capture.saved);
-    std::string out;
-    rewind(g_capture.file);
-    char buf[4096];
-    size_t n = 0;
-    while ((n = fread(buf, 1, sizeof buf, g_capture.file)) > 0) out.append(buf, n);
-    fclose(g_capture.file);
-    g_capture = StdoutCapture{};
-    return out;
-}
-
-void on_process_exit(int status, void *) {
-    // The process may end inside an action: what it printed so far is shown.
-    const std::string printed = capture_end();
-    fwrite(printed.data(), 1, printed.size(), stdout);
-    if (!g_watch.finished && !g_watch.running.empty()) {
-        printf("exit: %d\n", status);
-        fflush(stdout);
-        if (g_watch.awaited && status != g_watch.status) {
-            fprintf(stderr, "%s: expected exit %d, got exit %d\n", g_watch.running.c_str(),
-                    g_watch.status, status);
-            fflush(stderr);
-            std::error_code ec;
-            std::filesystem::remove_all(g_watch.scratch, ec);
-            _exit(1);
-        }
-        if (!g_watch.awaited) {
-            fprintf(stderr, "%s: the module ended the process with status %d\n",
-                    g_watch.running.c_str(), status);
-        }
-    }
-    if (!g_watch.scratch.empty()) {
-        std::error_code ec;
-        std::filesystem::remove_all(g_watch.scratch, ec);
-    }
-}
-
-std::string db_name(int db) {
-    switch (db) {
-        case 0:
-            return "ASIC_DB";
-        case 3:
-            return "LOCAL_DB";
-        case 8:
-            return "UDP_DB";
-        case 14:
-            return "TOPO_DB";
-        default:
-            return "db " + std::to_string(db);
-    }
-}
-
-// A parsed record argument, with its wire form for the stand-in.
-struct RecordArg {
-    std::string type;
-    const pb::Descriptor *desc;
-    std::unique_ptr<pb::Message> msg;
-    std::string packed;
-};
-
-RecordArg record_arg(Cursor &c, bool end = true) {
-    RecordArg r;
-    r.type = c.word("record type");
-    r.desc = record_type(r.type);
-    r.msg = parse_record(r.desc, c.record("record"));
-    if (end) c.end();
-    if (!r.msg->SerializeToString(&r.packed)) {
-        throw ScriptError("cannot pack the " + r.type + " record");
-    }
-    return r;
-}
-
-std::string stored_text(const platform::StoredRecord &s) {
-    const pb::Descriptor *d = pb::DescriptorPool::generated_pool()->FindMessageTypeByName(s.type);
-    std::unique_ptr<pb::Message> m = d != nullptr ? unpack_record(d, s.packed) : nullptr;
-    if (m == nullptr) {
-        return s.type + " <" + std::to_string(s.packed.size()) + " bytes that do not decode>";
-    }
-    std::string t = short_text(*m);
-    return s.type + (t.empty() ? " { }" : " { " + t + " }");
-}
-
-int32_t int_arg(Cursor &c, const char *what) {
-    return static_cast<int32_t>(parse_int(c.word(what), INT32_MIN, INT32_MAX, what));
-}
-
-uint32_t uint_arg(Cursor &c, const char *what) {
-    return static_cast<uint32_t>(parse_int(c.word(what), 0, UINT32_MAX, what));
-}
-
-// "N" or "fail" (the lookup or read fails).
-std::optional<uint32_t> value_or_fail(Cursor &c, const char *what) {
-    std::string w = c.word(what);
-    if (w == "fail") return std::nullopt;
-    return static_cast<uint32_t>(parse_int(w, 0, UINT32_MAX, what));
-}
-
-// "expect record" (that key holds exactly that record) or "expect absent".
-void expect_record(bool absent, int db, const RecordArg &r) {
-    auto stored = platform::db_get(db, r.type, r.packed);
-    std::string want = r.type + " { " + short_text(*r.msg) + " }";
-    if (absent) {
-        if (stored) {
-            throw ExpectFailure("expected no record with the key of " + want + " in " +
-                                db_name(db) + ", got " + stored_text(*stored));
-        }
-        return;
-    }
-    if (!stored) {
-        throw ExpectFailure("expected " + want + " in " + db_name(db) + ", got no record");
-    }
-    auto got = unpack_record(r.desc, stored->packed);
-    if (got == nullptr || !pb::util::MessageDifferencer::Equals(*r.msg, *got)) {
-        throw ExpectFailure("expected " + want + " in " + db_name(db) + ", got " +
-                            stored_text(*stored));
-    }
-}
-
-// The previous output in a failure message: one line quoted, several indented.
-std::string shown_output(std::string out) {
-    while (!out.empty() && out.back() == '\n') out.pop_back();
-    if (out.empty()) return "no output";
-    if (out.find('\n') == std::string::npos) return "\"" + out + "\"";
-    std::string block;
-    size_t b = 0;
-    while (b <= out.size()) {
-        size_t e = out.find('\n', b);
-        if (e == std::string::npos) e = out.size();
-        block += "\n  | " + out.substr(b, e - b);
-        b = e + 1;
-    }
-    return "output:" + block;
-}
-
-// Output of the module's own printf calls must land before ours.
-void flush_module_stdout() {
-    fflush(stdout);
-}
-
-}  // namespace
 
 // ---- set-up ---------------------------------------------------------------------
 
@@ -226,11 +24,7 @@ Host::Host(const Options &opt) : oracle_(opt.oracle), pictures_dir_(opt.pictures
     scratch_.create();
     g_watch = ExitWatch{};
     g_watch.scratch = scratch_.path();
-    static bool registered = false;
-    if (!registered) {
-        on_exit(on_process_exit, nullptr);
-        registered = true;
-    }
+    arm_exit_watch();
     setenv("UDP_DPM_ROOT", scratch_.path().c_str(), 1);
 
     loader_.set_path(opt.module_path.empty() ? DPM_MODULE_PATH : opt.module_path);
@@ -292,15 +86,11 @@ void Host::execute(const std::string &statement, const std::string &where) {
     } disarm;
 
     std::string verb = c.word("command");
-    if (verb == "expect") {
-        expect(c);
-    } else if (verb == "print") {
-        std::cout << c.rest() << '\n' << std::flush;
-    } else if (verb == "help") {
-        c.end();
-        std::cout << help() << std::flush;
+    const Command *cmd = find_command(verb);
+    if (cmd != nullptr && !cmd->action) {
+        (this->*cmd->run)(c);
     } else {
-        run_action(verb, c);
+        run_action(cmd, verb, c);
     }
     if (awaited) {
         throw ExpectFailure("expected exit " + std::to_string(*awaited) +
@@ -315,16 +105,7 @@ void Host::end_of_script() {
     }
 }
 
-void Host::run_action(const std::string &verb, Cursor &c) {
-    using Handler = void (Host::*)(Cursor &);
-    static const std::map<std::string, Handler> handlers = {
-        {"set", &Host::do_set},         {"port", &Host::do_port},
-        {"fail", &Host::do_fail},       {"db", &Host::do_db},
-        {"agent", &Host::do_agent},     {"card", &Host::do_card},
-        {"cmd", &Host::do_cmd},         {"show", &Host::do_show},
-        {"picture", &Host::do_picture}, {"member", &Host::do_member},
-        {"respond", &Host::do_respond},
-    };
+void Host::run_action(const Command *cmd, const std::string &verb, Cursor &c) {
     last_output_.clear();
     last_log_.clear();
     // Lines the module logged outside any action (none expected) are not the
@@ -349,18 +130,10 @@ void Host::run_action(const std::string &verb, Cursor &c) {
 
     {
         const KeepOutput output{this};
-        if (verb == "start" || verb == "restart") {
-            c.end();
-            do_start(verb == "restart");
-        } else if (verb == "advance") {
-            uint64_t us = parse_duration_us(c.word("duration"));
-            c.end();
-            platform::advance_us(us);
-        } else if (auto it = handlers.find(verb); it != handlers.end()) {
-            (this->*(it->second))(c);
-        } else {
+        if (cmd == nullptr) {
             throw ScriptError("unknown command '" + verb + "' (help lists the commands)");
         }
+        (this->*cmd->run)(c);
         settle();
         flush_module_stdout();
     }
@@ -381,414 +154,11 @@ void Host::check_oracle() {
                         " difference(s) between TOPO_DB and the module:\n" + report);
 }
 
-void Host::settle() {
-    size_t n = 0;
-    while (platform::run_one()) {
-        if (++n > kMaxCallbacks) {
-            throw ScriptError("the callback loop did not settle: more than " +
-                              std::to_string(kMaxCallbacks) + " callbacks for one command");
-        }
-    }
-}
-
 void Host::emit(const std::string &text) {
     flush_module_stdout();
-    if (g_capture.file == nullptr) last_output_ += text;  // else the capture keeps it
+    if (!capture_active()) last_output_ += text;  // else the capture keeps it
     // Debug commands often end without a newline; keep the next line apart.
     std::cout << text << (text.empty() || text.back() == '\n' ? "" : "\n") << std::flush;
-}
-
-// ---- actions --------------------------------------------------------------------
-
-void Host::do_set(Cursor &c) {
-    std::string what = c.word("setting");
-    if (what == "devid") {
-        devid_ = uint_arg(c, "device id");
-    } else if (what == "node-type") {
-        node_type_ = uint_arg(c, "node type");
-    } else if (what == "ring-cut") {
-        std::string w = c.word("ring-cut type or fail");
-        platform::set_capacity(
-            kRingCutKey, w == "fail" ? std::nullopt
-                                     : std::optional<int32_t>(static_cast<int32_t>(
-                                           parse_int(w, INT32_MIN, INT32_MAX, "ring-cut type"))));
-    } else if (what == "cap-init") {
-        if (c.word("fail") != "fail") throw ScriptError("set cap-init takes only 'fail'");
-        platform::fail("libxn_cap_init", -1, -1);
-    } else if (what == "ssat-init") {
-        platform::set_ssat_init_result(int_arg(c, "result"));
-    } else if (what == "level-file") {
-        std::string file = scratch_.path() + "/etc/pktdbg/udp_dpm";
-        bool quoted = c.next_is_quote();
-        std::string text = c.rest();
-        if (!quoted && text == "missing") {
-            std::filesystem::remove(file);
-        } else {
-            std::ofstream out(file, std::ios::binary | std::ios::trunc);
-            out << text;
-            if (!out) throw ScriptError("cannot write " + file);
-        }
-        return;
-    } else {
-        throw ScriptError("unknown setting '" + what +
-                          "' (devid, node-type, ring-cut, cap-init, ssat-init, level-file)");
-    }
-    c.end();
-}
-
-void Host::do_port(Cursor &c) {
-    Position p = parse_position(c.word("port DEV/SLOT/LPORT"), 65535, "port");
-    bool any = false;
-    while (auto w = c.try_word()) {
-        if (*w == "chip") {
-            platform::set_chipid(p.dev, p.slot, p.third, value_or_fail(c, "chip id"));
-        } else if (*w == "phy") {
-            platform::set_phyid(p.dev, p.slot, p.third, value_or_fail(c, "physical id"));
-        } else {
-            throw ScriptError("expected chip or phy, found '" + *w + "'");
-        }
-        any = true;
-    }
-    c.end();
-    if (!any) throw ScriptError("port needs chip N|fail and/or phy N|fail");
-}
-
-void Host::do_fail(Cursor &c) {
-    std::string op = c.word("platform function");
-    if (op == "clear") {
-        c.end();
-        platform::clear_faults();
-        return;
-    }
-    // The stand-in takes any name; a misspelt one would silently never fail.
-    // Every platform function is a symbol of the loaded platform library.
-    if (dlsym(RTLD_DEFAULT, op.c_str()) == nullptr) {
-        throw ScriptError("unknown platform function '" + op + "'");
-    }
-    int db = -1, count = 1, rv = -1, skip = 0;
-    while (auto w = c.try_word()) {
-        if (*w == "db") {
-            db = parse_db(c.word("database"));
-        } else if (*w == "count") {
-            std::string n = c.word("count");
-            count = n == "always" ? -1 : static_cast<int>(parse_int(n, -1, INT32_MAX, "count"));
-        } else if (*w == "rv") {
-            rv = int_arg(c, "failure result");
-        } else if (*w == "after") {
-            skip = static_cast<int>(parse_int(c.word("calls"), 0, INT32_MAX, "after"));
-        } else {
-            throw ScriptError("expected db, count, rv or after, found '" + *w + "'");
-        }
-    }
-    c.end();
-    platform::fail(op, db, count, rv, skip);
-}
-
-void Host::do_start(bool restart) {
-    // A second start of a loaded instance calls its entry again, as a host
-    // that repeats the call would; restart is a new process.
-    if (restart) platform::drop_instance();
-    if (restart || !loader_.loaded()) loader_.load_fresh(scratch_.path());
-    ce_dpm_dlib_arg arg{platform::host_handle(), 0, node_type_, devid_};
-    int rv = loader_.call_entry(&arg);
-    started_ = true;
-    emit("start: rv " + std::to_string(rv) + "\n");
-}
-
-void Host::do_db(Cursor &c) {
-    std::string op = c.word("db operation");
-    if (op == "disconnect" || op == "reconnect") {
-        int db = parse_db(c.word("database"));
-        if (op == "disconnect") {
-            c.end();
-            platform::db_disconnect(db);
-        } else {
-            int type = int_arg(c, "reconnect type");
-            c.end();
-            platform::db_reconnect(db, type);
-        }
-        return;
-    }
-    if (op != "set" && op != "hmset" && op != "del") {
-        throw ScriptError("unknown db operation '" + op +
-                          "' (set, hmset, del, disconnect, reconnect)");
-    }
-    int db = parse_db(c.word("database"));
-    RecordArg r = record_arg(c);
-    int rv = op == "set"     ? platform::db_set(db, r.type, r.packed)
-             : op == "hmset" ? platform::db_hmset(db, r.type, r.packed)
-                             : platform::db_del(db, r.type, r.packed);
-    if (rv != 0)
-        throw ScriptError("the store refused the " + r.type + " record (rv " + std::to_string(rv) +
-                          ")");
-}
-
-void Host::do_agent(Cursor &c) {
-    std::string op = c.word("agent operation");
-    if (op != "set" && op != "del") throw ScriptError("agent takes set or del, not '" + op + "'");
-    RecordArg r = record_arg(c);
-    int rv =
-        op == "set" ? platform::agent_set(r.type, r.packed) : platform::agent_del(r.type, r.packed);
-    if (rv != 0)
-        throw ScriptError("the agent refused the " + r.type + " record (rv " + std::to_string(rv) +
-                          ")");
-}
-
-void Host::do_card(Cursor &c) {
-    std::string op = c.word("card operation");
-    if (op != "add" && op != "del" && op != "online") {
-        throw ScriptError("card takes add, del or online, not '" + op + "'");
-    }
-    Position p = parse_position(c.word("card DEV/SLOT/SSLOT"), 31, "card");
-    if (op == "online") {
-        std::string yn = c.word("yes or no");
-        if (yn != "yes" && yn != "no")
-            throw ScriptError("card online takes yes or no, not '" + yn + "'");
-        c.end();
-        platform::set_card_online(p.dev, p.slot, p.third, yn == "yes");
-        return;
-    }
-    c.end();
-    if (op == "add") {
-        platform::card_add(card_gslot(p));
-    } else {
-        platform::card_del(card_gslot(p));
-    }
-}
-
-void Host::do_cmd(Cursor &c) {
-    std::string name = c.word("debug command name");
-    std::vector<int> args;
-    while (!c.at_end()) args.push_back(int_arg(c, "command argument"));
-    auto cmds = platform::commands();
-    auto it = std::find_if(cmds.begin(), cmds.end(), [&](const auto &k) { return k.name == name; });
-    if (it == cmds.end()) {
-        throw ScriptError("no debug command '" + name + "'" +
-                          (started_ ? "" : " (the module is not started)"));
-    }
-    if (static_cast<int>(args.size()) > it->nargs) {
-        throw ScriptError(name + " takes " + std::to_string(it->nargs) + " number" +
-                          (it->nargs == 1 ? "" : "s") + " (" + it->desc + ")");
-    }
-    std::string out;
-    flush_module_stdout();
-    if (!platform::run_command(name, args, &out))
-        throw ScriptError("no debug command '" + name + "'");
-    emit(out);
-}
-
-void Host::do_show(Cursor &c) {
-    int db = parse_db(c.word("database"));
-    std::string type;
-    if (auto w = c.try_word()) {
-        type = *w;
-        record_type(type);
-    }
-    c.end();
-    std::string text;
-    for (const auto &s : platform::db_records(db, type)) text += stored_text(s) + "\n";
-    if (text.empty()) text = "(no records in " + db_name(db) + ")\n";
-    emit(text);
-}
-
-// The unit as this member's databases say, drawn to a file (picture.h).
-// "picture members 1,2,3 FILE": several members of a unit sharing the server,
-// each through its own databases, drawn together with the links between them.
-void Host::do_picture(Cursor &c) {
-    std::string word = c.word("picture file (.svg, .png or .dot)");
-    std::vector<MemberView> views;
-    if (word == "members") {
-        std::stringstream list(c.word("member list, e.g. 1,2,3"));
-        const int in_view = platform::db_view_member();
-        for (std::string m; std::getline(list, m, ',');) {
-            const auto devid = static_cast<uint32_t>(parse_int(m, 1, 32, "member"));
-            platform::db_view(static_cast<int>(devid));
-            views.push_back(local_member_view(devid));
-        }
-        platform::db_view(in_view);
-        word = c.word("picture file (.svg, .png or .dot)");
-    } else {
-        views.push_back(local_member_view(devid_));
-    }
-    std::filesystem::path path = word;
-    std::string title = c.rest();
-    if (path.is_relative() && !pictures_dir_.empty()) path = pictures_dir_ / path;
-    std::error_code ec;
-    if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
-    write_picture(unit_dot(views, title), path.string());
-    emit("picture: " + std::filesystem::absolute(path).lexically_normal().string() + "\n");
-}
-
-void Host::do_member(Cursor &c) {
-    int member = static_cast<int>(parse_int(c.word("member device id"), 0, 32, "member"));
-    c.end();
-    platform::db_view(member);
-}
-
-void Host::do_respond(Cursor &c) {
-    int member = static_cast<int>(parse_int(c.word("member device id"), 0, 32, "member"));
-    c.end();
-    start_responder(member);
-}
-
-void Host::serve(const volatile sig_atomic_t &stop) {
-    settle();
-    flush_module_stdout();
-    // Nothing can arrive from outside the embedded store: wait for the signal.
-    while (!platform::db_on_redis() && stop == 0) pause();
-    while (stop == 0) {
-        settle();
-        flush_module_stdout();
-        platform::db_wait(100);
-    }
-    settle();
-}
-
-// ---- expectations ---------------------------------------------------------------
-
-void Host::check_within(Cursor &c, const std::function<void()> &check) {
-    auto w = c.try_word();
-    if (!w) return check();
-    if (*w != "within") throw ScriptError("expected 'within DURATION', found '" + *w + "'");
-    uint64_t us = parse_duration_us(c.word("duration"));
-    c.end();
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::microseconds(us);
-    for (;;) {
-        try {
-            check();
-            return;
-        } catch (const ExpectFailure &) {
-            if (std::chrono::steady_clock::now() >= deadline) throw;
-        }
-        // Another process may be the one to bring it about: take in its
-        // events (waiting a little for them) and run the loop again.
-        settle();
-        platform::db_wait(10);
-        settle();
-        flush_module_stdout();
-    }
-}
-
-void Host::expect(Cursor &c) {
-    std::string what = c.word("expectation");
-    if (what == "record" || what == "absent") {
-        int db = parse_db(c.word("database"));
-        RecordArg r = record_arg(c, false);
-        check_within(c, [&] { expect_record(what == "absent", db, r); });
-    } else if (what == "count") {
-        int db = parse_db(c.word("database"));
-        std::string type = c.word("record type");
-        record_type(type);
-        size_t n = static_cast<size_t>(parse_int(c.word("count"), 0, INT32_MAX, "count"));
-        check_within(c, [&] {
-            size_t got = platform::db_records(db, type).size();
-            if (got != n) {
-                throw ExpectFailure("expected " + std::to_string(n) + " " + type + " records in " +
-                                    db_name(db) + ", got " + std::to_string(got));
-            }
-        });
-    } else if (what == "log" || what == "no-log") {
-        // "[func] TEXT" narrows the match to lines logged under that function
-        // name (many of the module's lines just say "enter").
-        std::string func = c.bracketed().value_or("");
-        std::string text = c.rest();
-        if (text.empty() && func.empty()) throw ScriptError("expect " + what + " needs a text");
-        auto hit = std::find_if(last_log_.begin(), last_log_.end(), [&](const auto &l) {
-            return (func.empty() || l.func == func) && l.text.find(text) != std::string::npos;
-        });
-        if (!func.empty()) text = "[" + func + "] " + text;
-        if (what == "log" && hit == last_log_.end()) {
-            std::string got = std::to_string(last_log_.size()) + " log lines";
-            size_t shown = 0;
-            for (const auto &l : last_log_) {
-                if (++shown > 30) {
-                    got += "\n  ...";
-                    break;
-                }
-                got += "\n  [" + l.func + "] " + l.text;
-            }
-            throw ExpectFailure("expected a log line containing \"" + text + "\", got " + got);
-        }
-        if (what == "no-log" && hit != last_log_.end()) {
-            throw ExpectFailure("expected no log line containing \"" + text + "\", got [" +
-                                hit->func + "] " + hit->text);
-        }
-    } else if (what == "output" || what == "no-output") {
-        std::string text = c.rest();
-        if (text.empty()) throw ScriptError("expect " + what + " needs a text");
-        bool found = last_output_.find(text) != std::string::npos;
-        if (found != (what == "output")) {
-            throw ExpectFailure(std::string("expected ") + (found ? "no " : "") +
-                                "output containing \"" + text + "\", got " +
-                                shown_output(last_output_));
-        }
-    } else if (what == "exit") {
-        int status = static_cast<int>(parse_int(c.word("exit status"), 0, 255, "exit status"));
-        c.end();
-        g_watch.next_status = status;
-    } else {
-        throw ScriptError("unknown expectation '" + what +
-                          "' (record, absent, count, log, no-log, output, no-output, exit)");
-    }
-}
-
-// ---- help -----------------------------------------------------------------------
-
-const std::vector<std::string> &Host::command_words() {
-    static const std::vector<std::string> words = {
-        "set", "port", "fail",    "start",  "restart", "advance", "db",     "agent",  "card",
-        "cmd", "show", "picture", "expect", "print",   "help",    "member", "respond"};
-    return words;
-}
-
-std::vector<std::string> Host::debug_command_names() const {
-    std::vector<std::string> names;
-    for (const auto &k : platform::commands()) names.push_back(k.name);
-    return names;
-}
-
-std::string Host::help() const {
-    std::string h =
-        "Scenario commands (one a line, '#' starts a comment, a record in braces may\n"
-        "continue over several lines; DB is a number or ASIC_DB, LOCAL_DB, UDP_DB, TOPO_DB):\n"
-        "  set devid N | set node-type N          argument block of the next start\n"
-        "  set ring-cut N|fail | set cap-init fail capacity library\n"
-        "  set ssat-init N                        result of the debug framework's init\n"
-        "  set level-file TEXT | set level-file missing\n"
-        "  port DEV/SLOT/LPORT chip N|fail [phy N|fail]\n"
-        "  fail OP [db N] [count N|always] [rv N] [after N] | fail clear\n"
-        "  start                                  load the module (or call its entry again)\n"
-        "  restart                                end the instance, load a fresh one\n"
-        "  advance DURATION                       e.g. 500ms, 90s, 30m, 1h\n"
-        "  db set|hmset|del DB TYPE {RECORD}\n"
-        "  db disconnect DB | db reconnect DB TYPE\n"
-        "  agent set|del TYPE {RECORD}\n"
-        "  card add|del DEV/SLOT/SSLOT | card online DEV/SLOT/SSLOT yes|no\n"
-        "  cmd NAME [INT...]                      a debug command of the module\n"
-        "  show DB [TYPE]\n"
-        "  picture FILE [TITLE]                   draw the unit as the databases say (.svg, .png:\n"
-        "                                         Graphviz; .dot: the text) into --pictures DIR\n"
-        "  picture members N,N,... FILE [TITLE]   the same for several members of a unit\n"
-        "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"
-        "      [within DURATION]                  wait (bounded) for another process to make it "
-        "so\n"
-        "  member N                               look at member N's LOCAL_DB and TOPO_DB\n"
-        "  respond N                              confirm member N's main multicast requests\n"
-        "  expect log|no-log [FUNC] TEXT           a line of the previous command's log\n"
-        "  expect output|no-output TEXT | expect exit N\n"
-        "  print TEXT | help\n";
-    auto cmds = platform::commands();
-    if (cmds.empty()) {
-        h += "Debug commands: none registered (start the module first).\n";
-    } else {
-        h += "Debug commands of the module:\n";
-        for (const auto &k : cmds) {
-            std::string line = "  " + k.name;
-            if (line.size() < 24) line.resize(24, ' ');
-            h += line + " " + k.desc + "\n";
-        }
-    }
-    return h;
 }
 
 }  // namespace host

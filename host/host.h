@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "module.h"
+#include "module_loader.h"
 #include "platform_ctl.h"
-#include "script.h"
+#include "lexer.h"
 
 namespace host {
 
@@ -35,6 +35,19 @@ struct Options {
     std::string pictures_dir;  // where relative picture paths go; empty: the current directory
 };
 
+class Host;
+
+// One scenario command: described once here, read by the parser, the help, the
+// shell's completion and the checks.
+struct Command {
+    const char *name;
+    const char *usage;  // its lines of the help, "  ARGUMENTS   what it does\n"
+    void (Host::*run)(Cursor &);
+    // An action: its output and log are kept for the expectations, and the
+    // callback loop runs after it. The others (expect, print, help) leave both.
+    bool action;
+};
+
 class Host {
   public:
     // Sets up the scratch directory, UDP_DPM_ROOT, the log and the store, and
@@ -51,15 +64,20 @@ class Host {
     void end_of_script();
 
     std::string help() const;
-    static const std::vector<std::string> &command_words();
+    // The command table, in the order of the help.
+    static const std::vector<Command> &commands();
+    // Null when there is no such command.
+    static const Command *find_command(const std::string &name);
+    static std::vector<std::string> command_words();
     // Names of the module's registered debug commands.
     std::vector<std::string> debug_command_names() const;
 
     const std::string &scratch_dir() const { return scratch_.path(); }
 
   private:
-    void run_action(const std::string &verb, Cursor &c);
-    void expect(Cursor &c);
+    // An action found in the table (null: unknown, which fails inside the
+    // action's frame like any other mistake of an action).
+    void run_action(const Command *cmd, const std::string &verb, Cursor &c);
     void settle();
     void check_oracle();
     void emit(const std::string &text);
@@ -67,7 +85,13 @@ class Host {
     void do_set(Cursor &c);
     void do_port(Cursor &c);
     void do_fail(Cursor &c);
-    void do_start(bool restart);
+    void do_start(Cursor &c);
+    void do_restart(Cursor &c);
+    void start_instance(bool restart);
+    void do_advance(Cursor &c);
+    void do_expect(Cursor &c);
+    void do_print(Cursor &c);
+    void do_help(Cursor &c);
     void do_db(Cursor &c);
     void do_agent(Cursor &c);
     void do_card(Cursor &c);

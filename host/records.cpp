@@ -7,7 +7,7 @@
 #include "p_dev.pb.h"
 #include "s_intf.pb.h"
 #include "u_cluster.pb.h"
-#include "script.h"
+#include "lexer.h"
 
 namespace host {
 

@@ -1,14 +1,14 @@
 // Pictures of a unit: the DOT text of one known state of two members, fed in
-// any order, against a golden file; and that Graphviz accepts it. The host is
-// an executable, so its sources are compiled into this test directly.
+// any order, against a golden file; and that Graphviz accepts it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 
-#include "../../host/picture.cpp"
-#include "../../host/records.cpp"
+#include "lexer.h"
 #include "module_fixture.h"
+#include "picture.h"
+#include "records.h"
 
 namespace {
 

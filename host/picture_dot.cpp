@@ -1,213 +1,17 @@
-// Pictures of a unit (see picture.h). The records are first gathered into a
-// small model of the unit (chips, states, and per member its links, member
-// lists, balance, main multicast), then the model is written out as DOT in
-// key order. Counts stand for lists throughout, so that a unit with thousands
-// of module ids and 16 ports per aggregate port still reads at a glance.
-#include "picture.h"
-
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+// Writing the picture model out as DOT (see picture.h), in key order, so that
+// the same records always give the same text.
 #include <algorithm>
-#include <bit>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <set>
 #include <sstream>
-#include <tuple>
 
 #include "p_dev.pb.h"
-#include "s_intf.pb.h"
-#include "script.h"
-#include "u_cluster.pb.h"
-
-extern char **environ;
+#include "picture.h"
+#include "picture_model.h"
 
 namespace host {
 
+namespace pictures {
+
 namespace {
-
-constexpr int kAsicDb = 0;
-constexpr int kLocalDb = 3;
-constexpr int kUdpDb = 8;
-constexpr int kTopoDb = 14;
-
-// ---- the model ------------------------------------------------------------------
-
-// Positions keep the records' values as they are (some fields are signed).
-struct Card {
-    int64_t dev, slot, sslot;
-    auto key() const { return std::tie(dev, slot, sslot); }
-    bool operator<(const Card &o) const { return key() < o.key(); }
-    bool operator==(const Card &o) const { return key() == o.key(); }
-};
-struct Port {
-    Card card;
-    int64_t lport;
-    bool operator<(const Port &o) const {
-        return std::tie(card, lport) < std::tie(o.card, o.lport);
-    }
-};
-
-struct Chip {
-    int64_t modid = -1;
-    int node_type = -1;
-    std::string fwd;  // VSL chip forwarding state; empty: no record
-};
-
-struct Link {
-    bool up;
-    int64_t apid;
-    Port peer;
-};
-
-struct Choice {
-    Port local, peer;
-};
-
-struct Load {
-    int count = 0;        // what the balance counts
-    int main_boards = 0;  // placed, but not counted
-};
-
-// What one member's own databases say about it.
-struct Member {
-    uint32_t devid = 0;
-    std::map<Port, Link> links;
-    std::map<int64_t, std::set<Port>> ap_members;  // by apid
-    std::vector<u_cluster::kel_uc_balance> balance;
-    std::map<std::pair<int64_t, int64_t>, Choice> mmc;  // by (apid, chip module id)
-    std::set<std::pair<int64_t, int64_t>> mmc_confirmed;
-    std::map<int64_t, std::pair<int, int>> filters;  // apid: permitted, blocked module ids
-    // The member's own routes of its topology map, by apid: the devices its
-    // unicast goes to, the devices whose multicast comes in.
-    std::map<int64_t, std::pair<std::set<int64_t>, std::set<int64_t>>> routes;
-    int undecodable = 0;
-};
-
-struct Unit {
-    std::map<std::pair<Card, int64_t>, Chip> chips;  // by card and unit
-    std::map<int64_t, int> modid_type;
-    std::map<int64_t, std::string> dev_fwd;
-    std::vector<Member> members;
-};
-
-Card card_of(const p_dev::vsl_port_index &i) {
-    return {i.devid(), i.slotid(), i.subslot()};
-}
-Port port_of(const u_cluster::vslport &p) {
-    return {{p.devid(), p.slot(), p.sslot()}, p.lport()};
-}
-
-int bit_count(const google::protobuf::RepeatedField<uint32_t> &words) {
-    int n = 0;
-    for (uint32_t w : words) n += std::popcount(w);
-    return n;
-}
-
-// Either form of the topology map (which one the module reads depends on the
-// ring-cut type); only the member's own routes matter to it.
-template <class Fibs, class Mfibs>
-void take_routes(const Fibs &fibs, const Mfibs &mfibs, Member *m) {
-    for (const auto &f : fibs) {
-        if (f.owner_mid() == static_cast<int64_t>(m->devid)) {
-            m->routes[f.oif_id()].first.insert(f.dst_id());
-        }
-    }
-    for (const auto &f : mfibs) {
-        if (f.owner_mid() == static_cast<int64_t>(m->devid)) {
-            m->routes[f.iif_id()].second.insert(f.src_id());
-        }
-    }
-}
-
-// Decodes one record into `unit` and `m`; false when its bytes do not decode.
-bool take_record(const platform::StoredRecord &r, Unit *unit, Member *m) {
-    auto key = [](int db, const char *type, const platform::StoredRecord &s) {
-        return s.db == db && s.type == type;
-    };
-    if (key(kAsicDb, "s_intf.evt_mod_alloc", r)) {
-        s_intf::evt_mod_alloc a;
-        if (!a.ParseFromString(r.packed)) return false;
-        const auto &i = a.index();
-        Chip &c = unit->chips[{{i.devid(), i.slotid(), i.sslotid()}, i.unit()}];
-        c.modid = a.modid();
-        c.node_type = a.node_type();
-        unit->modid_type.emplace(a.modid(), a.node_type());
-    } else if (key(kUdpDb, "u_cluster.vsl_chip_fwdstate", r)) {
-        u_cluster::vsl_chip_fwdstate s;
-        if (!s.ParseFromString(r.packed)) return false;
-        const auto &i = s.index();
-        Chip &c = unit->chips[{{i.t_devid(), i.slot(), i.sslot()}, i.unit()}];
-        if (c.modid < 0) c.modid = s.modid();
-        c.fwd = s.fwd_state();
-    } else if (key(kUdpDb, "u_cluster.kel_dev_fwdstate", r)) {
-        u_cluster::kel_dev_fwdstate s;
-        if (!s.ParseFromString(r.packed)) return false;
-        unit->dev_fwd.emplace(s.index().devid(), s.fwd_state());
-    } else if (key(kLocalDb, "p_dev.vsl_local_link", r)) {
-        p_dev::vsl_local_link l;
-        if (!l.ParseFromString(r.packed)) return false;
-        m->links[{card_of(l.index()), l.index().lport()}] = {
-            l.status() != 0,
-            l.vsl_ap(),
-            {{l.peer_dev_id(), l.peer_slot_id(), l.peer_sslot_id()}, l.peer_lport()}};
-    } else if (key(kLocalDb, "p_dev.dtm_route_info", r)) {
-        p_dev::dtm_route_info d;
-        if (!d.ParseFromString(r.packed)) return false;
-        take_routes(d.fibs(), d.mfibs(), m);
-    } else if (key(kLocalDb, "p_dev.dtm_fiap_route_info", r)) {
-        p_dev::dtm_fiap_route_info d;
-        if (!d.ParseFromString(r.packed)) return false;
-        take_routes(d.fiap_fibs(), d.fiap_mfibs(), m);
-    } else if (key(kTopoDb, "u_cluster.vsl_ap_member", r)) {
-        u_cluster::vsl_ap_member a;
-        if (!a.ParseFromString(r.packed)) return false;
-        for (const auto &p : a.member()) m->ap_members[a.index().apid()].insert(port_of(p));
-    } else if (key(kTopoDb, "u_cluster.kel_uc_balance", r)) {
-        u_cluster::kel_uc_balance b;
-        if (!b.ParseFromString(r.packed)) return false;
-        m->balance.push_back(b);
-    } else if (key(kTopoDb, "u_cluster.mainmc_vlan", r)) {
-        u_cluster::mainmc_vlan v;
-        if (!v.ParseFromString(r.packed)) return false;
-        m->mmc[{v.index().apid(), v.index().t_cfg_modid()}] = {port_of(v.local_vsl()),
-                                                               port_of(v.peer_vsl())};
-    } else if (key(kTopoDb, "u_cluster.mainmc_vlan_st", r)) {
-        u_cluster::mainmc_vlan_st v;
-        if (!v.ParseFromString(r.packed)) return false;
-        m->mmc_confirmed.insert({v.index().apid(), v.index().t_cfg_modid()});
-    } else if (key(kTopoDb, "u_cluster.vsl_srcmod_igr", r)) {
-        u_cluster::vsl_srcmod_igr f;
-        if (!f.ParseFromString(r.packed)) return false;
-        m->filters[f.index().apid()].first = bit_count(f.permit_modid());
-    } else if (key(kTopoDb, "u_cluster.vsl_srcmod_egr", r)) {
-        u_cluster::vsl_srcmod_egr f;
-        if (!f.ParseFromString(r.packed)) return false;
-        m->filters[f.index().apid()].second = bit_count(f.block_modid());
-    }
-    return true;
-}
-
-Unit gather(const std::vector<MemberView> &views) {
-    Unit unit;
-    for (const auto &v : views) {
-        Member m;
-        m.devid = v.devid;
-        for (const auto &r : v.records) {
-            if (!take_record(r, &unit, &m)) ++m.undecodable;
-        }
-        unit.members.push_back(std::move(m));
-    }
-    std::sort(unit.members.begin(), unit.members.end(),
-              [](const Member &a, const Member &b) { return a.devid < b.devid; });
-    return unit;
-}
 
 // ---- text -----------------------------------------------------------------------
 
@@ -632,84 +436,12 @@ std::string Drawing::dot() {
     return out_.str();
 }
 
-// ---- rendering -------------------------------------------------------------------
-
-// Runs dot on `in`, writing `out`; the first line of its complaints on failure.
-void run_dot(const std::string &format, const std::string &in, const std::string &out,
-             const std::string &errors) {
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, STDERR_FILENO, errors.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::string fmt = "-T" + format;
-    std::string dst = "-o" + out;
-    char *argv[] = {const_cast<char *>("dot"), fmt.data(), dst.data(),
-                    const_cast<char *>(in.c_str()), nullptr};
-    pid_t pid = 0;
-    int rc = posix_spawnp(&pid, "dot", &fa, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&fa);
-    if (rc != 0) {
-        throw ScriptError("cannot run Graphviz's dot (" + std::string(strerror(rc)) +
-                          "): install the graphviz package (scripts/setup.sh does)");
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return;
-    std::ifstream err(errors);
-    std::string first;
-    std::getline(err, first);
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
-        first = "not found; install the graphviz package (scripts/setup.sh does)";
-    }
-    throw ScriptError("Graphviz's dot failed (" +
-                      (WIFEXITED(status) ? "exit " + num(WEXITSTATUS(status))
-                                         : "signal " + num(WTERMSIG(status))) +
-                      ")" + (first.empty() ? "" : ": " + first));
-}
-
 }  // namespace
 
-MemberView local_member_view(uint32_t devid) {
-    MemberView v{devid, {}};
-    for (int db : {kAsicDb, kLocalDb, kUdpDb, kTopoDb}) {
-        auto records = platform::db_records(db);
-        v.records.insert(v.records.end(), records.begin(), records.end());
-    }
-    return v;
-}
+}  // namespace pictures
 
 std::string unit_dot(const std::vector<MemberView> &members, const std::string &title) {
-    return Drawing(gather(members), title).dot();
-}
-
-void write_picture(const std::string &dot, const std::string &path) {
-    namespace fs = std::filesystem;
-    std::string format = fs::path(path).extension().string();
-    if (format != ".dot" && format != ".svg" && format != ".png") {
-        throw ScriptError("picture " + path + ": the name must end in .svg, .png or .dot");
-    }
-    format.erase(0, 1);
-    // Written beside the target and renamed, so a reader never sees half a file.
-    std::string tmp = path + ".tmp";
-    std::string text = format == "dot" ? tmp : path + ".dot.tmp";
-    {
-        std::ofstream f(text, std::ios::binary | std::ios::trunc);
-        f << dot;
-        if (!f.flush()) throw ScriptError("picture: cannot write " + text);
-    }
-    struct Cleanup {
-        std::vector<std::string> files;
-        ~Cleanup() {
-            std::error_code ec;
-            for (const auto &f : files) fs::remove(f, ec);
-        }
-    } cleanup{{tmp, text, path + ".err.tmp"}};
-    if (format != "dot") run_dot(format, text, tmp, path + ".err.tmp");
-    std::error_code ec;
-    fs::rename(tmp, path, ec);
-    if (ec) throw ScriptError("picture: cannot write " + path + ": " + ec.message());
+    return pictures::Drawing(pictures::gather(members), title).dot();
 }
 
 }  // namespace host

@@ -1,5 +1,5 @@
-// Scratch directory and module loading (see module.h).
-#include "module.h"
+// Scratch directory and module loading (see module_loader.h).
+#include "module_loader.h"
 
 #include <dlfcn.h>
 #include <stdlib.h>
@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "script.h"
+#include "lexer.h"
 
 namespace host {
 

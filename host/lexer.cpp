@@ -1,5 +1,5 @@
-// Lexical side of the scenario language (see script.h).
-#include "script.h"
+// Lexical side of the scenario language (see lexer.h).
+#include "lexer.h"
 
 #include <cctype>
 #include <charconv>

@@ -1,0 +1,41 @@
+// The callback loop: after each action it runs until nothing is pending, and
+// a member or responder process runs it until it is told to stop.
+#include <unistd.h>
+
+#include "host.h"
+#include "output_capture.h"
+
+namespace host {
+
+namespace {
+
+// One command must not keep the loop busy for ever: a module that keeps
+// requeueing work would otherwise hang the run instead of failing it.
+constexpr size_t kMaxCallbacks = 10'000'000;
+
+}  // namespace
+
+void Host::settle() {
+    size_t n = 0;
+    while (platform::run_one()) {
+        if (++n > kMaxCallbacks) {
+            throw ScriptError("the callback loop did not settle: more than " +
+                              std::to_string(kMaxCallbacks) + " callbacks for one command");
+        }
+    }
+}
+
+void Host::serve(const volatile sig_atomic_t &stop) {
+    settle();
+    flush_module_stdout();
+    // Nothing can arrive from outside the embedded store: wait for the signal.
+    while (!platform::db_on_redis() && stop == 0) pause();
+    while (stop == 0) {
+        settle();
+        flush_module_stdout();
+        platform::db_wait(100);
+    }
+    settle();
+}
+
+}  // namespace host
