@@ -9,7 +9,7 @@
 
 #include "store.h"
 
-namespace plat {
+namespace platform {
 namespace {
 
 void queue_key_event(const KeyEventReg &r, const std::string &packed) {
@@ -40,9 +40,9 @@ bool known_agent(const xn_mom_ab_t *ab) {
 }
 
 }  // namespace
-}  // namespace plat
+}  // namespace platform
 
-using plat::st;
+using platform::st;
 
 extern "C" {
 
@@ -50,8 +50,8 @@ xn_mom_ab_t *xn_mom_ab_init(int flags, const char *owner, const uint32_t *opts) 
     (void)flags;
     (void)owner;
     (void)opts;
-    if (plat::fault("xn_mom_ab_init")) return nullptr;
-    auto agent = std::make_unique<plat::Agent>();
+    if (platform::fault("xn_mom_ab_init")) return nullptr;
+    auto agent = std::make_unique<platform::Agent>();
     agent->ab = std::make_unique<xn_mom_ab_t>();
     xn_mom_ab_t *ab = agent->ab.get();
     st().agents.push_back(std::move(agent));
@@ -61,8 +61,8 @@ xn_mom_ab_t *xn_mom_ab_init(int flags, const char *owner, const uint32_t *opts) 
 int xn_mom_reg_ds(xn_mom_ab_t *agent, xn_mom_ds_reg_t *regs, int cnt, int a, int b) {
     (void)a;
     (void)b;
-    if (auto rv = plat::fault("xn_mom_reg_ds")) return *rv < 1 ? *rv : 0;
-    if (!plat::known_agent(agent) || (regs == nullptr && cnt > 0) || cnt < 0) return 0;
+    if (auto rv = platform::fault("xn_mom_reg_ds")) return *rv < 1 ? *rv : 0;
+    if (!platform::known_agent(agent) || (regs == nullptr && cnt > 0) || cnt < 0) return 0;
     for (auto &owned : st().agents) {
         if (owned->ab.get() != agent) continue;
         for (int i = 0; i < cnt; i++) {
@@ -75,18 +75,18 @@ int xn_mom_reg_ds(xn_mom_ab_t *agent, xn_mom_ds_reg_t *regs, int cnt, int a, int
 
 int xn_mom_reg_key_event(xn_mom_ab_t *agent, xn_mom_ds_reg_t *reg, int event,
                          xn_mom_key_event_cb_t cb, void *user) {
-    if (auto rv = plat::fault("xn_mom_reg_key_event")) return *rv;
-    if (!plat::known_agent(agent) || reg == nullptr || reg->tmpl == nullptr ||
+    if (auto rv = platform::fault("xn_mom_reg_key_event")) return *rv;
+    if (!platform::known_agent(agent) || reg == nullptr || reg->tmpl == nullptr ||
         reg->tmpl->descriptor == nullptr || cb == nullptr) {
         return -1;
     }
-    plat::KeyEventReg r{agent, reg, reg->tmpl->descriptor->name, reg->tmpl->descriptor, event,
-                        cb,    user};
+    platform::KeyEventReg r{agent, reg, reg->tmpl->descriptor->name, reg->tmpl->descriptor, event,
+                            cb,    user};
     st().key_regs.push_back(r);
     if (event == XN_MOM_KEY_SET) {
         auto it = st().agent_records.find(r.type);
         if (it != st().agent_records.end()) {
-            for (const auto &[k, packed] : it->second) plat::queue_key_event(r, packed);
+            for (const auto &[k, packed] : it->second) platform::queue_key_event(r, packed);
         }
     }
     return 0;
@@ -94,7 +94,7 @@ int xn_mom_reg_key_event(xn_mom_ab_t *agent, xn_mom_ds_reg_t *reg, int event,
 
 }  // extern "C"
 
-namespace plat {
+namespace platform {
 
 int agent_here(bool set, const std::string &type, const std::string &packed) {
     RecordKey k;
@@ -114,21 +114,17 @@ int agent_here(bool set, const std::string &type, const std::string &packed) {
     return 0;
 }
 
-}  // namespace plat
-
-namespace platform {
-
 // On a shared server the agent of the member in view hears of it too (every
 // member's when no member is in view).
 int agent_set(const std::string &type, const std::string &packed) {
-    int rv = plat::agent_here(true, type, packed);
-    if (rv == 0) plat::store().share("agent_set", st().view_member, type, packed);
+    int rv = platform::agent_here(true, type, packed);
+    if (rv == 0) platform::store().share("agent_set", st().view_member, type, packed);
     return rv;
 }
 
 int agent_del(const std::string &type, const std::string &packed) {
-    int rv = plat::agent_here(false, type, packed);
-    if (rv == 0) plat::store().share("agent_del", st().view_member, type, packed);
+    int rv = platform::agent_here(false, type, packed);
+    if (rv == 0) platform::store().share("agent_del", st().view_member, type, packed);
     return rv;
 }
 

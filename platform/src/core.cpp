@@ -11,7 +11,7 @@
 
 #include "store.h"
 
-namespace plat {
+namespace platform {
 
 State &st() {
     static State s;
@@ -61,9 +61,9 @@ void drop_instance_state() {
     s.commands.clear();
 }
 
-}  // namespace plat
+}  // namespace platform
 
-using plat::st;
+using platform::st;
 
 namespace {
 
@@ -81,7 +81,7 @@ void *timer_handle(uint64_t id) {
 extern "C" {
 
 xn_mom_thread_global_t *xn_mom_get_thread_local_global(void) {
-    if (plat::fault("xn_mom_get_thread_local_global")) return nullptr;
+    if (platform::fault("xn_mom_get_thread_local_global")) return nullptr;
     return &g_thread_global;
 }
 
@@ -90,26 +90,26 @@ xn_mom_thread_global_t *xn_mom_get_thread_local_global(void) {
 void *xn_thread_add_timer_timeval(void *event_loop, xn_thread_func_t func, void *arg,
                                   struct timeval delay) {
     (void)arg;
-    if (plat::fault("xn_thread_add_timer_timeval")) return nullptr;
+    if (platform::fault("xn_thread_add_timer_timeval")) return nullptr;
     if (event_loop == nullptr || func == nullptr || delay.tv_sec < 0 || delay.tv_usec < 0) {
         return nullptr;
     }
-    plat::State &s = st();
+    platform::State &s = st();
     uint64_t id = s.next_id++;
     uint64_t delay_us =
         static_cast<uint64_t>(delay.tv_sec) * 1000000u + static_cast<uint64_t>(delay.tv_usec);
-    s.timers.push_back(plat::Timer{id, s.now_us + delay_us, func});
+    s.timers.push_back(platform::Timer{id, s.now_us + delay_us, func});
     return timer_handle(id);
 }
 
 void xn_thread_cancel(void *thread) {
-    if (plat::fault("xn_thread_cancel")) return;
-    plat::State &s = st();
+    if (platform::fault("xn_thread_cancel")) return;
+    platform::State &s = st();
     auto id = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(thread));
     if (id == 0) return;  // 0 tags every queued item that is not a timer
-    std::erase_if(s.timers, [id](const plat::Timer &t) { return t.id == id; });
+    std::erase_if(s.timers, [id](const platform::Timer &t) { return t.id == id; });
     // Due but not yet delivered is still pending for the module.
-    std::erase_if(s.queue, [id](const plat::QueueItem &item) { return item.timer_id == id; });
+    std::erase_if(s.queue, [id](const platform::QueueItem &item) { return item.timer_id == id; });
 }
 
 }  // extern "C"
@@ -117,8 +117,8 @@ void xn_thread_cancel(void *thread) {
 namespace platform {
 
 void reset() {
-    plat::State &s = st();
-    plat::drop_instance_state();
+    platform::State &s = st();
+    platform::drop_instance_state();
     s.dbs.clear();
     s.agent_records.clear();
     s.cards.clear();
@@ -143,23 +143,23 @@ void *host_handle() {
 }
 
 void drop_instance() {
-    plat::drop_instance_state();
+    platform::drop_instance_state();
 }
 
 bool run_one() {
     auto &q = st().queue;
-    plat::store().flush();
-    if (q.empty()) plat::store().poll(0);
+    platform::store().flush();
+    if (q.empty()) platform::store().poll(0);
     if (q.empty()) return false;
     // Take the item out first: the callback may queue more or drop the instance.
-    plat::QueueItem item = std::move(q.front());
+    platform::QueueItem item = std::move(q.front());
     q.pop_front();
-    plat::State &s = st();
+    platform::State &s = st();
     s.front_next = 0;
     s.callback_depth++;
     item.fn();
     s.callback_depth--;
-    if (s.callback_depth == 0) plat::flush_dbs();
+    if (s.callback_depth == 0) platform::flush_dbs();
     return true;
 }
 
@@ -174,7 +174,7 @@ size_t pending() {
 }
 
 void advance_us(uint64_t us) {
-    plat::State &s = st();
+    platform::State &s = st();
     uint64_t target = s.now_us + us;
     for (;;) {
         // Earliest due first; equal due times in the order they were added.
@@ -185,10 +185,10 @@ void advance_us(uint64_t us) {
             }
         }
         if (next == s.timers.end()) break;
-        plat::Timer t = *next;
+        platform::Timer t = *next;
         s.timers.erase(next);
         if (t.due_us > s.now_us) s.now_us = t.due_us;
-        plat::enqueue([t] { t.fn(timer_handle(t.id)); }, 0, t.id);
+        platform::enqueue([t] { t.fn(timer_handle(t.id)); }, 0, t.id);
     }
     s.now_us = target;
 }
@@ -199,7 +199,7 @@ uint64_t now_us() {
 
 void fail(const std::string &op, int db, int count, int rv, int skip) {
     if (count == 0) return;
-    st().faults.push_back(plat::Fault{op, db, count, rv, skip < 0 ? 0 : skip});
+    st().faults.push_back(platform::Fault{op, db, count, rv, skip < 0 ? 0 : skip});
 }
 
 void clear_faults() {
@@ -207,7 +207,7 @@ void clear_faults() {
 }
 
 std::optional<int> take_fault(const char *op) {
-    return plat::fault(op);
+    return platform::fault(op);
 }
 
 }  // namespace platform

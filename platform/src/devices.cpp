@@ -12,7 +12,7 @@
 #include "ndm.h"
 #include "store.h"
 
-namespace plat {
+namespace platform {
 namespace {
 
 void announce(const DdmReg &r, int op, uint32_t gslot) {
@@ -37,26 +37,26 @@ int lookup(const std::map<Port, std::optional<uint32_t>> &table, int devid, int 
 }
 
 }  // namespace
-}  // namespace plat
+}  // namespace platform
 
-using plat::st;
+using platform::st;
 
 extern "C" {
 
 int libddm_notify_reg(int notify_type, libddm_notify_cb_t cb, void *context) {
-    if (auto rv = plat::fault("libddm_notify_reg")) return *rv;
+    if (auto rv = platform::fault("libddm_notify_reg")) return *rv;
     if (cb == nullptr) return -1;
-    st().ddm_regs.push_back(plat::DdmReg{notify_type, cb, context});
+    st().ddm_regs.push_back(platform::DdmReg{notify_type, cb, context});
     return 0;
 }
 
 int libddm_init(void *handle, const char *name) {
     (void)handle;
     (void)name;
-    if (auto rv = plat::fault("libddm_init")) return *rv;
-    for (const plat::DdmReg &r : st().ddm_regs) {
+    if (auto rv = platform::fault("libddm_init")) return *rv;
+    for (const platform::DdmReg &r : st().ddm_regs) {
         if (r.kind != LIBDDM_NOTIFY_MODULE) continue;
-        for (uint32_t gslot : st().cards) plat::announce(r, LIBDDM_OP_ADD, gslot);
+        for (uint32_t gslot : st().cards) platform::announce(r, LIBDDM_OP_ADD, gslot);
     }
     return 0;
 }
@@ -64,26 +64,26 @@ int libddm_init(void *handle, const char *name) {
 int libddm_get_chipid_by_dev_slot_lport(uint32_t *chipid, int devid, int slot, int lport,
                                         int id_type) {
     (void)id_type;
-    if (auto rv = plat::fault("libddm_get_chipid_by_dev_slot_lport")) return *rv;
-    return plat::lookup(st().chipids, devid, slot, lport, chipid);
+    if (auto rv = platform::fault("libddm_get_chipid_by_dev_slot_lport")) return *rv;
+    return platform::lookup(st().chipids, devid, slot, lport, chipid);
 }
 
 int libddm_get_phyid_by_dev_slot_lport(int devid, int slot, int lport, uint32_t *gphyid) {
-    if (auto rv = plat::fault("libddm_get_phyid_by_dev_slot_lport")) return *rv;
-    return plat::lookup(st().phyids, devid, slot, lport, gphyid);
+    if (auto rv = platform::fault("libddm_get_phyid_by_dev_slot_lport")) return *rv;
+    return platform::lookup(st().phyids, devid, slot, lport, gphyid);
 }
 
 int libxn_cap_init(void *handle, const char *owner, void *category) {
     (void)handle;
     (void)owner;
     (void)category;
-    if (auto rv = plat::fault("libxn_cap_init")) return *rv;
+    if (auto rv = platform::fault("libxn_cap_init")) return *rv;
     return 0;
 }
 
 int libxn_cap_get_capacity_int32(void *handle, const char *key, int32_t *value) {
     (void)handle;
-    if (auto rv = plat::fault("libxn_cap_get_capacity_int32")) return *rv;
+    if (auto rv = platform::fault("libxn_cap_get_capacity_int32")) return *rv;
     if (key == nullptr || value == nullptr) return -1;
     auto it = st().capacity.find(key);
     if (it == st().capacity.end()) {
@@ -96,13 +96,13 @@ int libxn_cap_get_capacity_int32(void *handle, const char *key, int32_t *value) 
 }
 
 int ndm_card_is_online(int devid, int slotid, int sslotid) {
-    if (auto rv = plat::fault("ndm_card_is_online")) return *rv;
-    return st().offline_cards.count(plat::Port{devid, slotid, sslotid}) ? 0 : 1;
+    if (auto rv = platform::fault("ndm_card_is_online")) return *rv;
+    return st().offline_cards.count(platform::Port{devid, slotid, sslotid}) ? 0 : 1;
 }
 
 }  // extern "C"
 
-namespace plat {
+namespace platform {
 
 void card_here(bool add, uint32_t gslot) {
     auto &cards = st().cards;
@@ -122,27 +122,23 @@ void card_online_here(int devid, int slot, int sslot, bool online) {
     }
 }
 
-}  // namespace plat
-
-namespace platform {
-
 // Cards are the unit's: on a shared server every member's library hears of them.
 void card_add(uint32_t gslot) {
-    plat::card_here(true, gslot);
-    plat::store().share("card_add", 0, "", std::to_string(gslot));
+    platform::card_here(true, gslot);
+    platform::store().share("card_add", 0, "", std::to_string(gslot));
 }
 
 void card_del(uint32_t gslot) {
-    plat::card_here(false, gslot);
-    plat::store().share("card_del", 0, "", std::to_string(gslot));
+    platform::card_here(false, gslot);
+    platform::store().share("card_del", 0, "", std::to_string(gslot));
 }
 
 void set_chipid(int devid, int slot, int lport, std::optional<uint32_t> chipid) {
-    st().chipids[plat::Port{devid, slot, lport}] = chipid;
+    st().chipids[platform::Port{devid, slot, lport}] = chipid;
 }
 
 void set_phyid(int devid, int slot, int lport, std::optional<uint32_t> gphyid) {
-    st().phyids[plat::Port{devid, slot, lport}] = gphyid;
+    st().phyids[platform::Port{devid, slot, lport}] = gphyid;
 }
 
 void set_capacity(const std::string &key, std::optional<int32_t> value) {
@@ -150,8 +146,8 @@ void set_capacity(const std::string &key, std::optional<int32_t> value) {
 }
 
 void set_card_online(int devid, int slot, int sslot, bool online) {
-    plat::card_online_here(devid, slot, sslot, online);
-    plat::store().share(
+    platform::card_online_here(devid, slot, sslot, online);
+    platform::store().share(
         online ? "card_online" : "card_offline", 0, "",
         std::to_string(devid) + "/" + std::to_string(slot) + "/" + std::to_string(sslot));
 }

@@ -24,7 +24,7 @@
 #include "ssat.h"
 #include "xn_mom.h"
 
-namespace plat {
+namespace platform {
 
 // ---- record types ----------------------------------------------------------------
 
@@ -211,4 +211,4 @@ int agent_here(bool set, const std::string &type, const std::string &packed);
 // Drop every module-instance part of the state.
 void drop_instance_state();
 
-}  // namespace plat
+}  // namespace platform

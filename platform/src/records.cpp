@@ -16,7 +16,7 @@
 #include "s_intf.pb-c.h"
 #include "u_cluster.pb-c.h"
 
-namespace plat {
+namespace platform {
 namespace {
 
 const ProtobufCMessageDescriptor *const kDescriptors[] = {
@@ -193,17 +193,13 @@ bool key_of_packed(const std::string &type, const std::string &packed, RecordKey
     return true;
 }
 
-}  // namespace plat
-
-namespace platform {
-
 bool known_type(const std::string &type) {
-    return plat::find_descriptor(type) != nullptr;
+    return platform::find_descriptor(type) != nullptr;
 }
 
 bool type_has_index(const std::string &type) {
-    const ProtobufCMessageDescriptor *d = plat::find_descriptor(type);
-    return d != nullptr && plat::index_field(d) != nullptr;
+    const ProtobufCMessageDescriptor *d = platform::find_descriptor(type);
+    return d != nullptr && platform::index_field(d) != nullptr;
 }
 
 }  // namespace platform

@@ -90,22 +90,22 @@ extern "C" {
 int ssat_lib_init(void *handle, const char *module) {
     (void)handle;
     (void)module;
-    if (auto rv = plat::fault("ssat_lib_init")) return *rv;
-    return plat::st().ssat_init_result;
+    if (auto rv = platform::fault("ssat_lib_init")) return *rv;
+    return platform::st().ssat_init_result;
 }
 
 int ssat_reg_mod_cmd(const char *module, const char *cmd, int flags, const char *desc,
                      ssat_cmd_fn handler) {
     (void)flags;
-    if (auto rv = plat::fault("ssat_reg_mod_cmd")) return *rv;
+    if (auto rv = platform::fault("ssat_reg_mod_cmd")) return *rv;
     if (cmd == nullptr || handler == nullptr) return -1;
     platform::Command c{module != nullptr ? module : "", cmd, desc != nullptr ? desc : "",
                         count_int_args(desc)};
     static uint64_t seq = 0;
-    auto &slot = plat::st().commands[cmd];
+    auto &slot = platform::st().commands[cmd];
     // A name registered again keeps its place in the table.
     uint64_t order = slot.handler != nullptr ? slot.seq : ++seq;
-    slot = plat::CommandEntry{std::move(c), handler, order};
+    slot = platform::CommandEntry{std::move(c), handler, order};
     return 0;
 }
 
@@ -114,9 +114,9 @@ int ssat_reg_mod_cmd(const char *module, const char *cmd, int flags, const char 
 namespace platform {
 
 std::vector<Command> commands() {
-    std::vector<const plat::CommandEntry *> entries;
-    entries.reserve(plat::st().commands.size());
-    for (const auto &[name, entry] : plat::st().commands) entries.push_back(&entry);
+    std::vector<const platform::CommandEntry *> entries;
+    entries.reserve(platform::st().commands.size());
+    for (const auto &[name, entry] : platform::st().commands) entries.push_back(&entry);
     std::sort(entries.begin(), entries.end(),
               [](const auto *a, const auto *b) { return a->seq < b->seq; });
     std::vector<Command> out;
@@ -126,26 +126,26 @@ std::vector<Command> commands() {
 }
 
 bool run_command(const std::string &name, const std::vector<int> &args, std::string *out, int *rv) {
-    auto it = plat::st().commands.find(name);
-    if (it == plat::st().commands.end()) return false;
+    auto it = platform::st().commands.find(name);
+    if (it == platform::st().commands.end()) return false;
     int a[8] = {};
     for (size_t i = 0; i < args.size() && i < 8; i++) a[i] = args[i];
     // Copy: the handler may register or drop commands while it runs.
-    const plat::CommandEntry entry = it->second;
+    const platform::CommandEntry entry = it->second;
     int result = 0;
     // A command is a callback like any other: its writes are saved when it returns.
-    plat::st().callback_depth++;
+    platform::st().callback_depth++;
     std::string text =
         capture_stdout([&] { result = call_handler(entry.handler, entry.cmd.nargs, a); });
-    plat::st().callback_depth--;
-    if (plat::st().callback_depth == 0) plat::flush_dbs();
+    platform::st().callback_depth--;
+    if (platform::st().callback_depth == 0) platform::flush_dbs();
     if (out != nullptr) *out = std::move(text);
     if (rv != nullptr) *rv = result;
     return true;
 }
 
 void set_ssat_init_result(int rv) {
-    plat::st().ssat_init_result = rv;
+    platform::st().ssat_init_result = rv;
 }
 
 }  // namespace platform

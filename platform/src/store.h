@@ -15,7 +15,7 @@
 
 #include "platform_state.h"
 
-namespace plat {
+namespace platform {
 
 struct StoredEntry {
     StoreKey key;
@@ -85,4 +85,4 @@ void notify(int db, const std::string &type, int cmd, const std::string &packed)
 // has the text format; empty without it).
 std::string record_text(const std::string &type, const std::string &packed);
 
-}  // namespace plat
+}  // namespace platform

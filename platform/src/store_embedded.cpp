@@ -11,7 +11,7 @@
 
 #include "store.h"
 
-namespace plat {
+namespace platform {
 namespace {
 
 std::string hex(const std::string &s) {
@@ -198,24 +198,20 @@ std::unique_ptr<Store> make_embedded_store() {
     return std::make_unique<EmbeddedStore>();
 }
 
-}  // namespace plat
-
-namespace platform {
-
 int db_open_file(const std::string &path) {
-    plat::State &s = plat::st();
+    platform::State &s = platform::st();
     // A module that ends the process from a callback (exit 77) must not lose
     // what that callback wrote.
-    static const bool flush_at_exit = std::atexit([] { plat::flush_dbs(); }) == 0;
+    static const bool flush_at_exit = std::atexit([] { platform::flush_dbs(); }) == 0;
     (void)flush_at_exit;
-    plat::flush_dbs();  // whatever belongs to the file attached so far
+    platform::flush_dbs();  // whatever belongs to the file attached so far
     s.db_path = path;
     s.db_dirty = false;
     if (path.empty()) return 0;
     std::ifstream probe(path);
     if (!probe) return 0;  // created by the first change
-    std::map<int, plat::Database> loaded;
-    if (!plat::load_dbs(path, &loaded)) {
+    std::map<int, platform::Database> loaded;
+    if (!platform::load_dbs(path, &loaded)) {
         std::fprintf(stderr, "xn_mom: %s is not a database file\n", path.c_str());
         s.db_path.clear();  // do not overwrite what we could not read
         return -1;

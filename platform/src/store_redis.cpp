@@ -44,7 +44,7 @@
 
 #include "store.h"
 
-namespace plat {
+namespace platform {
 namespace {
 
 constexpr const char *kStreamMaxLen = "100000";
@@ -719,4 +719,4 @@ std::unique_ptr<Store> make_redis_store(const std::string &address, std::string 
     return s;
 }
 
-}  // namespace plat
+}  // namespace platform

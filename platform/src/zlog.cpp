@@ -63,10 +63,10 @@ void write_all(int fd, const std::string &s) {
 extern "C" {
 
 void *xn_zlog_init(const char *category) {
-    if (plat::fault("xn_zlog_init")) return nullptr;
+    if (platform::fault("xn_zlog_init")) return nullptr;
     // One category per name: a process that starts its module again and again
     // gets the same one back instead of a new one each time.
-    auto &cats = plat::st().categories;
+    auto &cats = platform::st().categories;
     const std::string name = category != nullptr ? category : "";
     for (std::string &c : cats) {
         if (c == name) return &c;
@@ -77,7 +77,7 @@ void *xn_zlog_init(const char *category) {
 
 void xndf_zlog(void *category, const char *file, size_t filelen, const char *func, size_t funclen,
                long line, int level, const char *format, ...) {
-    if (plat::fault("xndf_zlog")) return;
+    if (platform::fault("xndf_zlog")) return;
     if (category == nullptr || format == nullptr) return;
     va_list ap;
     va_start(ap, format);
@@ -89,16 +89,16 @@ void xndf_zlog(void *category, const char *file, size_t filelen, const char *fun
         write_all(g_log_fd, std::string(level_word(level)) + " " + l.func + ":" +
                                 std::to_string(line) + " " + l.text + "\n");
     }
-    plat::st().log.push_back(std::move(l));
+    platform::st().log.push_back(std::move(l));
 }
 
 int at_vsnprintf(char *buf, size_t size, const char *format, va_list ap) {
-    if (auto rv = plat::fault("at_vsnprintf")) return *rv;
+    if (auto rv = platform::fault("at_vsnprintf")) return *rv;
     return std::vsnprintf(buf, size, format, ap);
 }
 
 int at_snprintf(char *buf, size_t size, const char *format, ...) {
-    if (auto rv = plat::fault("at_snprintf")) return *rv;
+    if (auto rv = platform::fault("at_snprintf")) return *rv;
     va_list ap;
     va_start(ap, format);
     int n = std::vsnprintf(buf, size, format, ap);
@@ -112,7 +112,7 @@ namespace platform {
 
 std::vector<LogLine> take_log() {
     std::vector<LogLine> out;
-    out.swap(plat::st().log);
+    out.swap(platform::st().log);
     return out;
 }
 

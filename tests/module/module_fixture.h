@@ -98,7 +98,8 @@ inline std::string run_cmd(const std::string &name, const std::vector<int> &args
 }
 
 inline std::string golden(const std::string &name) {
-    std::ifstream in(std::string(DPM_SOURCE_DIR) + "/tests/module/golden/" + name, std::ios::binary);
+    std::ifstream in(std::string(DPM_SOURCE_DIR) + "/tests/module/golden/" + name,
+                     std::ios::binary);
     EXPECT_TRUE(in.good()) << "golden file " << name;
     std::ostringstream s;
     s << in.rdbuf();
