@@ -3,72 +3,35 @@
 // port. Reports time per event and TOPO_DB records written per event.
 #include <benchmark/benchmark.h>
 
-#include "dpm_intake.h"
+#include "module_state.h"
 #include "platform_ctl.h"
-#include "udp_dpm.h"
-#include "xn_zlog.h"
+#include "record_text.h"
 
 namespace {
 
+using namespace dpm_test;
+
 constexpr int kPorts = 16;
 
-void add_mod(uint32_t devid, uint32_t modid) {
-    dpm_dev_head *dev = dpm_find_dev_head(devid);
-    if (dev == nullptr) dev = dpm_alloc_dev_head(devid);
-    auto *e = dpm_zalloc<dpm_modid_info>();
-    e->modid = modid;
-    e->devid = static_cast<int32_t>(devid);
-    e->slot = static_cast<int32_t>(modid % 8 + 1);
-    e->unit = static_cast<int32_t>(modid);
-    e->type = static_cast<int32_t>(DPM_NODE_BOX);
-    dpm_list_add_tail(&e->link, &dev->modid_list);
-    dev->modid_cnt++;
-    dpm_modid_dev_cache.mod_cnt++;
-    dpm_bmp_set(dev->modid_bmp, modid);
-    dpm_bmp_set(dpm_modid_dev_cache.mod_bmp, modid);
-    dpm_modid_index[modid] = e;
-}
-
 dpm_vsl_info port(int apid, int lport) {
-    dpm_vsl_info v{};
-    v.devid = 1;
-    v.slot = apid;
-    v.lport = lport;
-    v.status = 1;
-    v.apid = apid;
-    v.chipid = static_cast<uint32_t>(apid * 100 + lport);
-    v.peer_dev = 2;
-    v.peer_slot = apid;
-    v.peer_lport = lport;
-    v.peer_chip = static_cast<uint32_t>(apid * 100 + 50 + lport);
-    return v;
+    return make_vsl(apid, lport, static_cast<uint32_t>(apid * 100 + lport),
+                    static_cast<uint32_t>(apid * 100 + 50 + lport), apid);
 }
 
 // Device 2 behind `oif2`, device 3 behind `oif3`.
 void add_map(uint8_t oif2, uint8_t oif3) {
-    dpm_dtm_info *info = dpm_dtm_malloc_info(4, 2);
-    info->mfib_num = 2;
-    info->mfibs = reinterpret_cast<dpm_mfib_entry *>(info->fibs + 4);
-    info->fibs[0] = {1, 2, oif2};
-    info->fibs[1] = {1, 3, oif3};
-    info->fibs[2] = {2, 1, 1};
-    info->fibs[3] = {3, 1, 2};
-    info->mfibs[0] = {1, 2, 1, 2, {1, 2}};
-    info->mfibs[1] = {1, 3, 2, 2, {1, 2}};
-    dpm_add_dtm_info(info);
+    set_dtm({{1, 2, oif2}, {1, 3, oif3}, {2, 1, 1}, {3, 1, 2}},
+            {{1, 2, 1, 2, 1, 2}, {1, 3, 2, 2, 1, 2}});
 }
 
 void setup_unit() {
-    platform::reset();
-    dpm_cache_init();
-    g_mydevid = 1;
-    g_udp_dpm_global = platform::host_handle();
-    g_udp_dpm_zlog_category = xn_zlog_init("udp_dpm");
-    g_udp_dpm_zlog_level = 0;
-    dpm_alloc_dev_head(1);
-    for (uint32_t m = 1; m <= 8; ++m) add_mod(1, m);
-    for (uint32_t m = 48; m < 1048; ++m) add_mod(2, m);
-    for (uint32_t m = 1048; m < 2048; ++m) add_mod(3, m);
+    clean_module(0, true);
+    auto add = [](uint32_t devid, uint32_t m) {
+        add_mod(devid, m, DPM_NODE_BOX, static_cast<int32_t>(m % 8 + 1), static_cast<int32_t>(m));
+    };
+    for (uint32_t m = 1; m <= 8; ++m) add(1, m);
+    for (uint32_t m = 48; m < 1048; ++m) add(2, m);
+    for (uint32_t m = 1048; m < 2048; ++m) add(3, m);
     for (int apid = 1; apid <= 2; ++apid) {
         for (int lport = 1; lport <= kPorts; ++lport) {
             dpm_vsl_info v = port(apid, lport);
@@ -77,10 +40,7 @@ void setup_unit() {
         dpm_set_ap_member_chg(apid);
     }
     dpm_restore_vsl_lb_ptr();
-    dpm_dtm_cache.ds_end = 1;
-    dpm_vslap_cache.ds_end = 1;
-    dpm_modid_dev_cache.ds_end = 1;
-    rdy_vsl_chip_ds_end = 1;
+    ds_ready();
     add_map(1, 2);
     dpm_calc_kel_cfg_by_dtm();
     dpm_apply_kel_cfg();
@@ -153,29 +113,19 @@ BENCHMARK(BM_VslDownUp)->ArgName("level")->Arg(0)->Unit(benchmark::kMicrosecond)
 void BM_ModidAdd(benchmark::State &state) {
     setup_unit();
     // Free one module id so that it can come and go.
-    SIntf__ModAllocIndex idx = S_INTF__MOD_ALLOC_INDEX__INIT;
-    SIntf__EvtModAlloc rec = S_INTF__EVT_MOD_ALLOC__INIT;
-    idx.devid = 2;
-    idx.slotid = 1047 % 8 + 1;
-    idx.unit = 1047;
-    rec.index = &idx;
-    rec.modid = 1047;
-    rec.node_type = static_cast<decltype(rec.node_type)>(DPM_NODE_BOX);
-    xn_mom_entry_t entry{&rec.base, 0};
-    xn_mom_msg_t del{};
-    del.cmd = XN_MOM_CMD_DEL;
-    del.data = &rec.base;
-    dpm_mod_alloc_cb(platform::host_handle(), &del);
+    Record<SIntf__EvtModAlloc> rec(
+        &s_intf__evt_mod_alloc__descriptor,
+        fmt("index {devid: 2 slotid: %d unit: 1047} modid: 1047 node_type: %u", 1047 % 8 + 1,
+            DPM_NODE_BOX));
+    Event add = Event::hmset(rec.base()), del = Event::del(rec.base());
+    dpm_mod_alloc_cb(platform::host_handle(), del.get());
     platform::clear_module_writes();
     size_t written = 0;
     for (auto _ : state) {
-        xn_mom_msg_t add{};
-        add.cmd = XN_MOM_CMD_HMSET;
-        add.data = &entry;
-        dpm_mod_alloc_cb(platform::host_handle(), &add);
+        dpm_mod_alloc_cb(platform::host_handle(), add.get());
         state.PauseTiming();
         written += platform::module_writes().size();
-        dpm_mod_alloc_cb(platform::host_handle(), &del);
+        dpm_mod_alloc_cb(platform::host_handle(), del.get());
         platform::clear_module_writes();
         platform::take_log();
         state.ResumeTiming();

@@ -5,29 +5,15 @@
 // hot path: up to 2048 lookups per aggregate port per applied device.
 #include <benchmark/benchmark.h>
 
-#include "udp_dpm.h"
+#include "module_state.h"
 
 namespace {
 
 // 2000 remote module ids on `devices` devices, as the module-id add path
 // leaves them: appended to their device's list, counted and indexed.
 void setup_cache(uint32_t devices) {
-    dpm_cache_init();
-    g_mydevid = 1;
-    g_udp_dpm_zlog_level = 0;
-    dpm_alloc_dev_head(1);
-    for (uint32_t m = 48; m < 2048; ++m) {
-        uint32_t devid = 2 + (m - 48) * devices / 2000;
-        dpm_dev_head *dev = dpm_find_dev_head(devid);
-        if (dev == nullptr) dev = dpm_alloc_dev_head(devid);
-        auto *e = dpm_zalloc<dpm_modid_info>();
-        e->modid = m;
-        e->devid = static_cast<int32_t>(devid);
-        dpm_list_add_tail(&e->link, &dev->modid_list);
-        dev->modid_cnt++;
-        dpm_bmp_set(dev->modid_bmp, m);
-        dpm_modid_index[m] = e;
-    }
+    dpm_test::clean_module(0, true);
+    for (uint32_t m = 48; m < 2048; ++m) dpm_test::add_mod(2 + (m - 48) * devices / 2000, m);
 }
 
 // The lookup as a walk: devices in list order, each device's entries in order.

@@ -16,24 +16,15 @@
 #include <string>
 #include <vector>
 
+#include "record_text.h"
 #include "stress_unit.h"
 #include "u_cluster.pb-c.h"
 
 namespace {
 
-using dpm_stress::OracleModule;
+using namespace dpm_stress;
 
 constexpr int kPorts = 16;
-constexpr int kAsic = 0, kLocal = 3, kUdp = 8;
-
-OracleModule &module() {
-    static auto *m = new OracleModule(dpm_stress::oracle_module_path());
-    return *m;
-}
-
-uint32_t gslot(int devid, int slot) {
-    return static_cast<uint32_t>(slot) | (static_cast<uint32_t>(devid - 1) << 5);
-}
 
 // The unit's inputs, stored before the first start. DPM_BENCH_REDIS=ADDRESS
 // puts the databases on that Redis server (an empty one) instead.
@@ -47,7 +38,6 @@ void store_unit() {
             std::exit(2);
         }
     }
-    using namespace dpm_stress;
     // Member 1: chip 10 (slot 1, apid 1) and chip 11 (slot 2, apid 2).
     platform::db_hmset(kAsic, "s_intf.evt_mod_alloc", mod_alloc(1, 1, 0, 10, 3));
     platform::db_hmset(kAsic, "s_intf.evt_mod_alloc", mod_alloc(1, 2, 0, 11, 3));
@@ -71,7 +61,7 @@ void store_unit() {
     for (auto [d, s] : {std::pair{1, 1}, {1, 2}, {2, 1}, {3, 1}}) {
         platform::db_set(kUdp, "u_cluster.vsl_chip_fwdstate",
                          chip_state(d, s, 0, "forward", static_cast<uint32_t>(10 * d + s - 1)));
-        platform::card_add(gslot(d, s));
+        platform::card_add(gslot_of(d, s));
     }
     platform::db_set(kUdp, "u_cluster.kel_dev_fwdstate", dev_state(2, "forward"));
     platform::db_set(kUdp, "u_cluster.kel_dev_fwdstate", dev_state(3, "forward"));
@@ -82,11 +72,11 @@ void store_unit() {
 bool first_run(benchmark::State &state) {
     store_unit();
     platform::drop_instance();
-    module().start();
+    oracle_module().start();
     platform::run_until_idle();
     platform::take_log();
     std::string report;
-    if (module().check(OracleModule::kAll, &report) != 0) {
+    if (oracle_module().check(OracleModule::kAll, &report) != 0) {
         state.SkipWithError(("oracle: " + report).c_str());
         return false;
     }
@@ -95,11 +85,9 @@ bool first_run(benchmark::State &state) {
         return false;
     }
     for (const auto &r : platform::db_records(14, "u_cluster.vsl_ap_member")) {
-        ProtobufCMessage *m = protobuf_c_message_unpack(
-            &u_cluster__vsl_ap_member__descriptor, nullptr, r.packed.size(),
-            reinterpret_cast<const uint8_t *>(r.packed.data()));
-        const size_t n = m != nullptr ? reinterpret_cast<UCluster__VslApMember *>(m)->n_member : 0;
-        if (m != nullptr) protobuf_c_message_free_unpacked(m, nullptr);
+        dpm_test::Unpacked<UCluster__VslApMember> m(&u_cluster__vsl_ap_member__descriptor,
+                                                    r.packed);
+        const size_t n = m.msg != nullptr ? m->n_member : 0;
         if (n != kPorts) {
             state.SkipWithError("an aggregate port does not have all its ports in use");
             return false;
@@ -120,7 +108,7 @@ void BM_RestartConvergence(benchmark::State &state) {
     std::vector<platform::ModuleWrite> last;
     for (auto _ : state) {
         platform::clear_module_writes();
-        module().restart();
+        oracle_module().restart();
         callbacks += platform::run_until_idle();
         state.PauseTiming();
         writes += platform::module_writes().size();
@@ -129,7 +117,8 @@ void BM_RestartConvergence(benchmark::State &state) {
         state.ResumeTiming();
     }
     std::string report;
-    if (module().check(OracleModule::kAll, &report) != 0) state.SkipWithError(report.c_str());
+    if (oracle_module().check(OracleModule::kAll, &report) != 0)
+        state.SkipWithError(report.c_str());
     const auto n = static_cast<double>(state.iterations());
     state.counters["callbacks/restart"] = benchmark::Counter(static_cast<double>(callbacks) / n);
     state.counters["records/restart"] = benchmark::Counter(static_cast<double>(writes) / n);
@@ -166,7 +155,7 @@ void replay(const std::vector<platform::ModuleWrite> &writes) {
 void BM_StoreOnlyReplay(benchmark::State &state) {
     if (!first_run(state)) return;
     platform::clear_module_writes();
-    module().restart();
+    oracle_module().restart();
     platform::run_until_idle();
     const std::vector<platform::ModuleWrite> writes = platform::module_writes();
     platform::drop_instance();
@@ -182,7 +171,7 @@ BENCHMARK(BM_StoreOnlyReplay)->Unit(benchmark::kMillisecond)->Iterations(20);
 void BM_RestartCommandsReplay(benchmark::State &state) {
     if (!first_run(state)) return;
     platform::db_command_log(true);
-    module().restart();
+    oracle_module().restart();
     platform::run_until_idle();
     auto log = platform::db_take_command_log();
     std::erase_if(log, [](const auto &args) { return args[0] == "XRANGE" || args[0] == "XREAD"; });
@@ -201,8 +190,8 @@ BENCHMARK(BM_RestartCommandsReplay)->Unit(benchmark::kMillisecond)->Iterations(2
 // the store alone.
 void BM_LinkDown(benchmark::State &state) {
     if (!first_run(state)) return;
-    const std::string down = dpm_stress::vsl_link(1, 1, 5, 0, 1, 2, 1, 5);
-    const std::string up = dpm_stress::vsl_link(1, 1, 5, 1, 1, 2, 1, 5);
+    const std::string down = vsl_link(1, 1, 5, 0, 1, 2, 1, 5);
+    const std::string up = vsl_link(1, 1, 5, 1, 1, 2, 1, 5);
     auto link = [](const std::string &rec) {
         platform::db_hmset(kLocal, "p_dev.vsl_local_link", rec);
         platform::run_until_idle();

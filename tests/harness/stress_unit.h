@@ -1,6 +1,7 @@
 // Stress harness of the module: a copy of the module with the consistency
-// oracle built in, and a driver that turns bytes into events of a small unit
-// (member 1 with its VSL ports towards members 2 and 3).
+// oracle built in (oracle_module.cpp), the events of a small unit, member 1
+// with its VSL ports towards members 2 and 3 (unit_events.cpp), and a driver
+// that plays them (unit_driver.cpp).
 //
 // The copy is loaded once per process. A restart drops every registration the
 // instance made, frees every block it still holds (the test builds' allocator
@@ -18,6 +19,8 @@
 #include "platform_ctl.h"
 
 namespace dpm_stress {
+
+constexpr int kAsic = 0, kLocal = 3, kUdp = 8, kTopo = 14;
 
 class OracleModule {
   public:
@@ -47,8 +50,7 @@ class OracleModule {
     int (*state_)() = nullptr;
 };
 
-// Where the test build put the oracle module, and the process's one copy of it.
-std::string oracle_module_path();
+// The process's one copy of the oracle module the test build made.
 OracleModule &oracle_module();
 
 // ---- events -------------------------------------------------------------------------
@@ -79,8 +81,10 @@ struct Event {
 };
 
 // Events from bytes (ids mostly from the unit's own small world, with a share
-// of values outside every range); exhausted input reads as zeros.
-std::vector<Event> decode_events(const uint8_t *data, size_t size, size_t max_events);
+// of values outside every range; failing callocs only with `faults`);
+// exhausted input reads as zeros.
+std::vector<Event> decode_events(const uint8_t *data, size_t size, size_t max_events,
+                                 bool faults = false);
 // One line for reports, and a run's baseline and events as lines.
 std::string describe(const Event &e);
 std::string trail(int baseline, const std::vector<Event> &events);
@@ -103,8 +107,10 @@ class UnitDriver {
     OracleModule &module_;
 };
 
-// The module id of the chip in member `devid`'s slot `slot` (unit u adds 3u).
+// The module id of the chip in member `devid`'s slot `slot` (unit u adds 3u),
+// and the card's packed position in module events.
 uint32_t chip_of(int devid, int slot);
+uint32_t gslot_of(int devid, int slot);
 
 // Packed records of the unit's inputs, as other components write them.
 std::string mod_alloc(int devid, int slot, int unit, int modid, int node_type);

@@ -14,8 +14,6 @@
 namespace dpm_stress {
 namespace {
 
-constexpr int kLocal = 3, kUdp = 8, kTopo = 14;
-
 void expect_clean(const char *when, int flags = OracleModule::kAll) {
     std::string report;
     EXPECT_EQ(oracle_module().check(flags, &report), 0) << when << "\n" << report;

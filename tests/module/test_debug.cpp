@@ -9,12 +9,7 @@ using namespace dpm_test;
 
 class Debug : public ModuleTest {
   protected:
-    Debug() : ModuleTest(1, false) {}
-    void SetUp() override {
-        ModuleTest::SetUp();
-        ASSERT_EQ(dpm_at_init(), 0);
-        platform::take_log();
-    }
+    Debug() : ModuleTest(1, false, true) {}
 
     static dpm_vsl_info *vsl(dpm_vslap_cache_t &c, int apid, int dev, int slot, int lport) {
         auto *v = dpm_zalloc<dpm_vsl_info>();

@@ -8,12 +8,7 @@ using namespace dpm_test;
 
 class Log : public ModuleTest {
   protected:
-    Log() : ModuleTest(1, false) {}
-    void SetUp() override {
-        ModuleTest::SetUp();
-        ASSERT_EQ(dpm_at_init(), 0);
-        platform::take_log();
-    }
+    Log() : ModuleTest(1, false, true) {}
     void TearDown() override {
         free(udp_dpm_dbg_time.entries);
         udp_dpm_dbg_time = {};

@@ -10,6 +10,7 @@
 // confirmed inside the open brackets and the others expire.
 #include <cstring>
 
+#include "dpm_config_steps.h"
 #include "udp_dpm.h"
 
 namespace {

@@ -11,6 +11,7 @@
 //
 // The result lives in the ports' bitmaps and in each module-id entry's uc_vsl;
 // the application (dpm_apply.cpp) turns it into kel_uc_balance records.
+#include "dpm_config_steps.h"
 #include "udp_dpm.h"
 
 namespace {

@@ -7,6 +7,7 @@
 // holds and writes the differences. Placements already made survive as long as
 // the module's route keeps leaving through the same aggregate port, so a new
 // map moves only the destinations whose route really moved.
+#include "dpm_config_steps.h"
 #include "udp_dpm.h"
 
 namespace {

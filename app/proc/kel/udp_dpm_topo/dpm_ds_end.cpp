@@ -8,6 +8,7 @@
 // only then is the configuration recomputed and rewritten inside data-sync
 // brackets, so that whatever the new run does not want expires. Keeping the
 // old placements avoids moving traffic that does not need to move.
+#include "dpm_config_steps.h"
 #include "udp_dpm.h"
 
 // The active port carrying `lport` on chip `modid`, apid 1 first. The
