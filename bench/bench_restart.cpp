@@ -60,7 +60,7 @@ void store_unit() {
     }
     for (auto [d, s] : {std::pair{1, 1}, {1, 2}, {2, 1}, {3, 1}}) {
         platform::db_set(kUdp, "u_cluster.vsl_chip_fwdstate",
-                         chip_state(d, s, 0, "forward", static_cast<uint32_t>(10 * d + s - 1)));
+                         chip_state(d, s, 0, "forward", chip_of(d, s)));
         platform::card_add(gslot_of(d, s));
     }
     platform::db_set(kUdp, "u_cluster.kel_dev_fwdstate", dev_state(2, "forward"));
