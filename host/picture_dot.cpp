@@ -405,10 +405,11 @@ std::string Drawing::dot() {
     // Graphviz refuses an empty <b></b>.
     std::string label =
         o_.title.empty() ? "" : "<font point-size=\"16\"><b>" + html(o_.title) + "</b></font><br/>";
-    label += std::string("as the records of member") + (read.size() == 1 ? " " : "s ") +
-             devices_text(read) +
-             " say: " + plural(static_cast<int>(u_.modid_type.size()), "module id", "module ids") +
-             " (" + num(main_boards) + " main board)";
+    label += read.empty() ? std::string("no member's records given: ")
+                          : std::string("as the records of member") +
+                                (read.size() == 1 ? " " : "s ") + devices_text(read) + " say: ";
+    label += plural(static_cast<int>(u_.modid_type.size()), "module id", "module ids") + " (" +
+             num(main_boards) + " main board)";
     if (f_.flagged > 0) {
         label +=
             "<br/><font color=\"" + std::string(kFlag) + "\">" +
