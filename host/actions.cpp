@@ -233,6 +233,8 @@ void Host::do_show(Cursor &c) {
 // The unit as this member's databases say, drawn to a file (picture.h).
 // "picture members 1,2,3 FILE": several members of a unit sharing the server,
 // each through its own databases, drawn together with the links between them.
+// "links" before FILE draws every link instead of one edge per pair of ends.
+// Only this process's own module is known to run; the others are not known.
 void Host::do_picture(Cursor &c) {
     std::string word = c.word("picture file (.svg, .png or .dot)");
     std::vector<MemberView> views;
@@ -249,12 +251,20 @@ void Host::do_picture(Cursor &c) {
     } else {
         views.push_back(local_member_view(devid_));
     }
+    for (auto &v : views) {
+        if (started_ && v.devid == devid_) v.process = ProcessState::running;
+    }
+    PictureOptions options;
+    if (word == "links") {
+        options.links = true;
+        word = c.word("picture file (.svg, .png or .dot)");
+    }
     std::filesystem::path path = word;
-    std::string title = c.rest();
+    options.title = c.rest();
     if (path.is_relative() && !pictures_dir_.empty()) path = pictures_dir_ / path;
     std::error_code ec;
     if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
-    write_picture(unit_dot(views, title), path.string());
+    write_picture(unit_dot(views, options), path.string());
     emit("picture: " + std::filesystem::absolute(path).lexically_normal().string() + "\n");
 }
 

@@ -40,7 +40,8 @@ const std::vector<Command> &Host::commands() {
          "  picture FILE [TITLE]                   draw the unit as the databases say (.svg, "
          ".png:\n"
          "                                         Graphviz; .dot: the text) into --pictures DIR\n"
-         "  picture members N,N,... FILE [TITLE]   the same for several members of a unit\n",
+         "  picture members N,N,... FILE [TITLE]   the same for several members of a unit\n"
+         "  picture [members N,...] links FILE ... every link on its own, not folded per hop\n",
          &Host::do_picture, true},
         {"member",
          "  member N                               look at member N's LOCAL_DB and TOPO_DB\n",

@@ -1,5 +1,8 @@
-// Writing the picture model out as DOT (see picture.h), in key order, so that
-// the same records always give the same text.
+// Writing what the members' records say (picture_model.h) out as DOT, in key
+// order, so that the same records always give the same text. One node per
+// member, laid out top down in ring order folded in two columns (a ring of 8
+// is five rows: 1; 2 and 8; 3 and 7; 4 and 6; 5), so that every ring or chain
+// edge joins neighbouring rows and the width stays that of two members.
 #include <algorithm>
 #include <sstream>
 
@@ -38,25 +41,6 @@ std::string html(const std::string &s) {
     return out;
 }
 
-std::string num(int64_t v) {
-    return std::to_string(v);
-}
-
-// Ports as the dumps write them, dev/slot/port; the sub-slot only when set.
-std::string port_text(const Port &p) {
-    const Card &c = p.card;
-    return num(c.dev) + "/" + num(c.slot) + "/" + (c.sslot != 0 ? num(c.sslot) + "/" : "") +
-           num(p.lport);
-}
-std::string card_text(const Card &c) {
-    return num(c.dev) + "/" + num(c.slot) + (c.sslot != 0 ? "/" + num(c.sslot) : "");
-}
-
-std::string port_id(const Port &p) {
-    return "\"port " + num(p.card.dev) + "/" + num(p.card.slot) + "/" + num(p.card.sslot) + "/" +
-           num(p.lport) + "\"";
-}
-
 // "2-4, 7"
 std::string devices_text(const std::set<int64_t> &devs) {
     std::string s;
@@ -68,370 +52,395 @@ std::string devices_text(const std::set<int64_t> &devs) {
     return s;
 }
 
-std::string plural(int n, const char *one, const char *many) {
-    return num(n) + " " + (n == 1 ? one : many);
+// "3, 2 in member list, 1 down": the non-zero counts, in the order given.
+std::string counts_text(std::initializer_list<std::pair<int, const char *>> counts) {
+    std::string s;
+    for (const auto &[n, what] : counts) {
+        if (n > 0) s += (s.empty() ? "" : ", ") + num(n) + " " + what;
+    }
+    return s;
 }
 
-// Fill colours of the forwarding-state words; anything else is shown as it is.
-const char *state_colour(const std::string &s) {
-    if (s == "forward") return "#d9f0d3";
-    if (s == "part_forward") return "#fff7bc";
-    if (s == "block") return "#fbb4ae";
-    if (s == "timeout") return "#fdd0a2";
+std::string node_id(int64_t dev) {
+    return "\"member " + num(dev) + "\"";
+}
+std::string port_name(const Port &p) {
+    return "p" + num(p.card.dev) + "_" + num(p.card.slot) + "_" + num(p.card.sslot) + "_" +
+           num(p.lport);
+}
+
+// Member headers: the forwarding state's colour only while the process is
+// known to run; a record alone never paints a member "forward".
+const char *fwd_colour(const std::string &s) {
+    if (s == "forward") return "#a6dba0";
+    if (s == "part_forward") return "#ffffb3";
+    if (s == "block") return "#fb8072";
+    if (s == "timeout") return "#fdb462";
     return "#eeeeee";
 }
-std::string state_text(const std::string &s) {
-    return s.empty() ? "no state" : html(s);
-}
+const char *const kStopped = "#bdbdbd";
+const char *const kUnreachable = "#bc80bd";
+const char *const kUnknown = "#ffffff";
 
-const char *const kMember = "#a6dba0";
-const char *const kWaiting = "#fdd49e";
-const char *const kDown = "#dddddd";
-const char *const kOdd = "#f4a582";
+// Ports and links.
+const char *const kListed = "#1b7837";
+const char *const kListedFill = "#d9f0d3";
+const char *const kWaiting = "#e08214";
+const char *const kWaitingFill = "#fdd49e";
+const char *const kDown = "#999999";
+const char *const kDownFill = "#eeeeee";
+const char *const kFlag = "#d7301f";
+const char *const kFlagFill = "#fee0d2";
 const char *const kMainMc = "#2166ac";
 
 // ---- drawing ---------------------------------------------------------------------
 
 class Drawing {
   public:
-    Drawing(Unit u, std::string title) : u_(std::move(u)), title_(std::move(title)) { index(); }
+    Drawing(const Unit &u, const Facts &f, PictureOptions o) : u_(u), f_(f), o_(std::move(o)) {}
     std::string dot();
 
   private:
-    struct OwnPort {
-        int64_t apid;
-        const Link *link;  // null: only in a member list
-        bool listed;
-        Load load;
-        std::string mc;  // "", "confirmed", "waiting for confirmation"
-    };
-    struct Ap {
-        std::map<Card, std::vector<Port>> cards;
-        int listed = 0, waiting = 0, down = 0;
-        Load load;
-        int off_port = 0;  // balance records on a port that is not drawn
-        std::vector<std::string> mc_lines;
-    };
+    std::pair<std::string, const char *> header(int64_t dev) const;
+    std::string chips_line(int64_t dev) const;
+    std::string ap_cell(int64_t dev, int64_t apid, const ApFacts &ap) const;
+    std::string port_row(const Port &p, const OwnPort &o) const;
+    void member_node(int64_t dev);
+    void other_devices();
+    void legend();
+    void layout();
+    void bundle_edge(const Bundle &b);
+    void link_edge(const LinkFacts &l);
+    std::string port_end(const Port &p) const;
+    bool before(int64_t a, int64_t b) const;
 
-    void index();
-    void index_member(const Member &m);
-    std::string chips_of(const Card &c) const;
-    std::pair<std::string, std::string> member_summary(int64_t dev) const;
-    bool has_ports(int64_t dev) const;
-    void other_members();
-    void member_cluster(int64_t dev);
-    void port_node(const Port &p, const OwnPort &o);
-    void edges();
-
-    const Unit u_;
-    std::string title_;
+    const Unit &u_;
+    const Facts &f_;
+    PictureOptions o_;
     std::ostringstream out_;
-    std::map<int64_t, Card> modid_card_;
-    std::set<int64_t> devs_;
-    std::map<Port, OwnPort> own_;                            // every member's own ports
-    std::map<int64_t, std::map<int64_t, Ap>> aps_;           // by member, apid
-    std::map<int64_t, std::map<Card, std::set<Port>>> far_;  // far ends by member, card
+    std::vector<std::vector<std::string>> rows_;          // node ids, top down, left to right
+    std::map<int64_t, std::pair<size_t, size_t>> place_;  // member: row, column
 };
 
-void Drawing::index() {
+// The member's process and forwarding state, and the header's colour.
+std::pair<std::string, const char *> Drawing::header(int64_t dev) const {
+    auto m = u_.members.find(dev);
+    ProcessState ps = m == u_.members.end() ? ProcessState::unknown : m->second.process;
+    auto fwd = u_.dev_fwd.find(dev);
+    std::string state = fwd == u_.dev_fwd.end() ? "" : html(fwd->second);
+    switch (ps) {
+        case ProcessState::running:
+            return {"running, " + (state.empty() ? "no forwarding state" : state),
+                    fwd_colour(state)};
+        case ProcessState::stopped:
+            return {"stopped" + (state.empty() ? "" : ", " + state + " (stale record)"), kStopped};
+        case ProcessState::unreachable:
+            return {"unreachable" + (state.empty() ? "" : ", " + state + " (record)"),
+                    kUnreachable};
+        case ProcessState::unknown:
+            break;
+    }
+    return {"process not known" + (state.empty() ? "" : ", record: " + state), kUnknown};
+}
+
+std::string Drawing::chips_line(int64_t dev) const {
+    int chips = 0, main_boards = 0;
+    std::map<std::string, int> vsl;
     for (const auto &[k, c] : u_.chips) {
-        devs_.insert(k.first.dev);
-        if (c.modid >= 0) modid_card_.emplace(c.modid, k.first);
+        if (k.first.dev != dev) continue;
+        ++chips;
+        main_boards += c.node_type == p_dev::DM_TYPE_MB;
+        if (!c.fwd.empty()) ++vsl[html(c.fwd)];
     }
-    for (const auto &[dev, s] : u_.dev_fwd) devs_.insert(dev);
-    for (const auto &m : u_.members) index_member(m);
-    // Far ends: peers that no member draws as its own port.
-    for (const auto &m : u_.members) {
-        for (const auto &[p, l] : m.links) {
-            if (!own_.count(l.peer)) far_[l.peer.card.dev][l.peer.card].insert(l.peer);
-            devs_.insert(l.peer.card.dev);
-        }
-    }
+    std::string s = plural(chips, "chip", "chips");
+    if (main_boards > 0) s += " (" + num(main_boards) + " main board)";
+    s += ", VSL chips:";
+    if (vsl.empty()) s += " none";
+    for (const auto &[state, n] : vsl) s += " " + num(n) + " " + state;
+    return s;
 }
 
-void Drawing::index_member(const Member &m) {
-    devs_.insert(m.devid);
-    auto &aps = aps_[m.devid];
-    std::map<Port, OwnPort> mine;
-    for (const auto &[p, l] : m.links) {
-        bool listed = m.ap_members.count(l.apid) && m.ap_members.at(l.apid).count(p);
-        mine.emplace(p, OwnPort{l.apid, &l, listed, {}, ""});
+std::string Drawing::ap_cell(int64_t dev, int64_t apid, const ApFacts &ap) const {
+    std::string ports =
+        counts_text({{ap.listed, "in member list"}, {ap.waiting, "waiting"}, {ap.down, "down"}});
+    int n = ap.listed + ap.waiting + ap.down;
+    std::string s = "<b>apid " + num(apid) +
+                    "</b>: " + (n == 0 ? "no port" : plural(n, "port", "ports") + ": " + ports);
+    s += "<br/>unicast: " + plural(ap.load.count, "module id", "module ids");
+    if (ap.load.main_boards > 0) s += " +" + num(ap.load.main_boards) + " main board";
+    if (ap.min_load >= 0 && ap.max_load > 0) {
+        s += ", " + num(ap.min_load) + (ap.max_load > ap.min_load ? "-" + num(ap.max_load) : "") +
+             " a port";
     }
-    for (const auto &[apid, ports] : m.ap_members) {
-        for (const auto &p : ports) mine.emplace(p, OwnPort{apid, nullptr, true, {}, ""});
+    const Member &m = u_.members.at(dev);
+    if (auto r = m.routes.find(apid); r != m.routes.end()) {
+        const auto &[to, from] = r->second;
+        std::string t = to.empty() ? "" : "unicast to " + devices_text(to);
+        if (!from.empty())
+            t += (t.empty() ? "" : ", ") + std::string("multicast in from ") + devices_text(from);
+        s += "<br/>map: " + t;
     }
-    for (const auto &b : m.balance) {
-        auto type = u_.modid_type.find(b.index().modid());
-        bool main_board = type != u_.modid_type.end() && type->second == p_dev::DM_TYPE_MB;
-        Ap &ap = aps[b.apid()];
-        (main_board ? ap.load.main_boards : ap.load.count)++;
-        auto card = modid_card_.find(b.local_modid());
-        auto own = card == modid_card_.end() ? mine.end() : mine.find({card->second, b.lport()});
-        if (own == mine.end() || own->second.apid != b.apid()) {
-            ++ap.off_port;
-            continue;
-        }
-        (main_board ? own->second.load.main_boards : own->second.load.count)++;
+    if (auto fl = m.filters.find(apid); fl != m.filters.end()) {
+        s += "<br/>filters: permit " + num(fl->second.first) + ", block " + num(fl->second.second);
     }
-    // The choice is keyed by its chip: the port it names stays as written when
-    // another port of that chip takes over, so the port's link is shown beside it.
-    for (const auto &[key, choice] : m.mmc) {
-        bool confirmed = m.mmc_confirmed.count(key) > 0;
-        std::string how = confirmed ? "confirmed" : "waiting for confirmation";
-        auto own = mine.find(choice.local);
-        bool up = own != mine.end() && own->second.link != nullptr && own->second.link->up;
-        aps[key.first].mc_lines.push_back("main multicast: chip " + num(key.second) + ", " + how +
-                                          "; names " + port_text(choice.local) + " to " +
-                                          port_text(choice.peer) + (up ? "" : " (not up)"));
-        if (own != mine.end()) own->second.mc = how;
+    if (ap.mc.empty()) s += "<br/>main multicast: none";
+    for (const auto &[mc, flagged] : ap.mc) {
+        s += "<br/>" + (flagged ? "<font color=\"" + std::string(kFlag) + "\">" : std::string()) +
+             "main multicast: " + mc + (flagged ? "</font>" : "");
     }
-    for (const auto &key : m.mmc_confirmed) {
-        if (m.mmc.count(key)) continue;
-        aps[key.first].mc_lines.push_back("main multicast of chip " + num(key.second) +
-                                          " withdrawn, its confirmation is still there");
-    }
-    for (const auto &[apid, f] : m.filters) (void)aps[apid];
-    for (const auto &[apid, r] : m.routes) (void)aps[apid];
-    for (auto &[p, o] : mine) {
-        if (!own_.emplace(p, o).second) continue;  // another member drew it first
-        Ap &ap = aps[o.apid];
-        ap.cards[p.card].push_back(p);
-        if (o.link != nullptr && !o.link->up) {
-            ++ap.down;
-        } else if (o.listed) {
-            ++ap.listed;
-        } else {
-            ++ap.waiting;
-        }
-    }
-    for (auto &[apid, ap] : aps) {
-        if (ap.mc_lines.empty()) ap.mc_lines.emplace_back("main multicast: none");
-    }
+    return s;
 }
 
-// "chip 3, forward" for the chips of one card.
-std::string Drawing::chips_of(const Card &c) const {
-    std::string s;
-    for (auto it = u_.chips.lower_bound({c, INT64_MIN});
-         it != u_.chips.end() && it->first.first == c; ++it) {
-        const Chip &chip = it->second;
-        if (!s.empty()) s += "; ";
-        s += "chip " + (chip.modid >= 0 ? num(chip.modid) : "?");
-        if (chip.node_type == p_dev::DM_TYPE_MB) s += ", main board";
-        s += ", " + (chip.fwd.empty() ? std::string("no VSL chip state") : html(chip.fwd));
-    }
-    return s.empty() ? "no module id" : s;
-}
-
-void Drawing::port_node(const Port &p, const OwnPort &o) {
-    const char *fill = kMember;
+std::string Drawing::port_row(const Port &p, const OwnPort &o) const {
+    const char *fill = kListedFill;
     std::string state = "member";
-    if (o.link == nullptr) {
-        fill = kOdd;
-        state = "member, no link record";
-    } else if (!o.link->up) {
-        fill = o.listed ? kOdd : kDown;
-        state = o.listed ? "member, link down" : "down";
+    if (!o.issue.empty()) {
+        fill = kFlagFill;
+        state = o.issue;
+    } else if (o.link != nullptr && !o.link->up) {
+        fill = kDownFill;
+        state = "down";
     } else if (!o.listed) {
-        fill = kWaiting;
+        fill = kWaitingFill;
         state = "waiting";
     }
-    std::string load = "load " + num(o.load.count);
-    if (o.load.main_boards > 0) load += " +" + num(o.load.main_boards) + " main board";
-    bool mc = !o.mc.empty();
-    out_ << "      " << port_id(p) << " [label=<<table border=\"" << (mc ? 3 : 1) << "\" color=\""
-         << (mc ? kMainMc : "black") << "\" cellborder=\"0\" cellspacing=\"0\" cellpadding=\"3\""
-         << " bgcolor=\"" << fill << "\"><tr><td><b>" << port_text(p) << "</b></td><td>" << state
-         << "</td><td>" << load << "</td></tr>";
-    if (mc) {
-        out_ << "<tr><td colspan=\"3\" bgcolor=\"" << (o.mc == "confirmed" ? "#c6dbef" : "#fff7bc")
-             << "\">main multicast, " << o.mc << "</td></tr>";
+    std::string text = port_text(p) + "  " + state + ", load " + num(o.load.count);
+    if (!o.mc.empty())
+        text += ", <font color=\"" + std::string(kMainMc) + "\">main multicast " + o.mc + "</font>";
+    return "<tr><td port=\"" + port_name(p) + "\" bgcolor=\"" + fill + "\" align=\"left\">" + text +
+           "</td></tr>";
+}
+
+void Drawing::member_node(int64_t dev) {
+    const MemberFacts &mf = f_.members.at(dev);
+    auto [state, colour] = header(dev);
+    out_ << "  " << node_id(dev) << " [label=<<table border=\"0\" cellborder=\"1\""
+         << " cellspacing=\"0\" cellpadding=\"4\" bgcolor=\"white\">"
+         << "<tr><td bgcolor=\"" << colour << "\" align=\"left\"><font point-size=\"14\"><b>member "
+         << dev << "</b></font>  " << state << "</td></tr><tr><td align=\"left\">"
+         << chips_line(dev) << "</td></tr>";
+    if (!mf.read) {
+        out_ << "<tr><td align=\"left\" balign=\"left\">its records not read<br/>"
+             << plural(static_cast<int>(mf.far_ports.size()), "port", "ports")
+             << " named by others' links</td></tr>";
+        if (o_.links) {
+            for (const auto &p : mf.far_ports) {
+                out_ << "<tr><td port=\"" << port_name(p) << "\" align=\"left\">" << port_text(p)
+                     << "</td></tr>";
+            }
+        }
+    }
+    for (const auto &[apid, ap] : mf.aps) {
+        out_ << "<tr><td port=\"a" << apid << "\" align=\"left\" balign=\"left\">"
+             << ap_cell(dev, apid, ap) << "</td></tr>";
+        if (!o_.links) continue;
+        for (const auto &[p, o] : mf.ports) {
+            if (o.apid == apid) out_ << port_row(p, o);
+        }
+    }
+    if (!mf.notes.empty()) {
+        out_ << "<tr><td bgcolor=\"" << kFlagFill
+             << "\" align=\"left\" balign=\"left\"><font color=\"" << kFlag << "\">";
+        for (size_t i = 0; i < mf.notes.size(); ++i)
+            out_ << (i ? "<br/>" : "") << html(mf.notes[i]);
+        out_ << "</font></td></tr>";
     }
     out_ << "</table>>];\n";
 }
 
-// The forwarding state of a member and a line that counts its chips.
-std::pair<std::string, std::string> Drawing::member_summary(int64_t dev) const {
-    auto fwd = u_.dev_fwd.find(dev);
-    std::string state = fwd == u_.dev_fwd.end() ? "" : fwd->second;
-    int chips = 0, main_boards = 0;
-    std::map<std::string, int> vsl_chips;
-    for (const auto &[k, c] : u_.chips) {
-        if (k.first.dev != dev) continue;
-        ++chips;
-        if (c.node_type == p_dev::DM_TYPE_MB) ++main_boards;
-        if (!c.fwd.empty()) ++vsl_chips[c.fwd];
-    }
-    std::string summary = plural(chips, "chip", "chips");
-    if (main_boards > 0) summary += " (" + num(main_boards) + " main board)";
-    summary += ", VSL chips:";
-    if (vsl_chips.empty()) summary += " none";
-    for (const auto &[s, n] : vsl_chips) summary += " " + num(n) + " " + html(s);
-    return {state, summary};
-}
-
-bool Drawing::has_ports(int64_t dev) const {
-    auto aps = aps_.find(dev);
-    return (aps != aps_.end() && !aps->second.empty()) || far_.count(dev) > 0;
-}
-
-// Members without a port to draw: one box for all those that read the same,
-// so that a large unit stays a short list.
-void Drawing::other_members() {
+// Devices that only own chips or a forwarding state: one box for all those
+// that read the same, so that a large unit stays a short list.
+void Drawing::other_devices() {
+    std::set<int64_t> devs;
+    for (const auto &[k, c] : u_.chips) devs.insert(k.first.dev);
+    for (const auto &[dev, s] : u_.dev_fwd) devs.insert(dev);
     std::map<std::pair<std::string, std::string>, std::set<int64_t>> alike;
-    for (int64_t dev : devs_) {
-        if (!has_ports(dev)) alike[member_summary(dev)].insert(dev);
+    for (int64_t dev : devs) {
+        if (!f_.members.count(dev)) alike[{header(dev).first, chips_line(dev)}].insert(dev);
     }
-    // Graphviz stacks the boxes of one column bottom up in the order they
-    // come, so the lowest device ids come last to stand on top.
-    std::map<int64_t, std::pair<std::string, std::string>, std::greater<>> by_first;
-    for (const auto &[summary, devs] : alike) by_first.emplace(*devs.begin(), summary);
+    std::map<int64_t, const std::pair<std::string, std::string> *> by_first;
+    for (const auto &[summary, ds] : alike) by_first.emplace(*ds.begin(), &summary);
+    size_t first_row = rows_.size();
     for (const auto &[first, summary] : by_first) {
-        const std::set<int64_t> &devs = alike.at(summary);
-        const auto &[state, counts] = summary;
-        std::string who = (devs.size() == 1 ? "member " : "members ") + devices_text(devs);
-        out_ << "  \"" << who << "\" [shape=box, style=\"filled,rounded\", fillcolor=\""
-             << state_colour(state) << "\", label=<<font point-size=\"14\"><b>" << who
-             << "</b>: " << state_text(state) << "</font><br/>" << (devs.size() == 1 ? "" : "each ")
-             << counts << ">];\n";
+        const auto &ds = alike.at(*summary);
+        std::string who = (ds.size() == 1 ? "member " : "members ") + devices_text(ds);
+        out_ << "  \"" << who << "\" [shape=box, style=\"rounded\", label=<<b>" << who
+             << "</b>: " << summary->first << "<br/>" << (ds.size() == 1 ? "" : "each ")
+             << summary->second << ">];\n";
+        if (rows_.size() == first_row || rows_.back().size() == 2) rows_.emplace_back();
+        rows_.back().push_back("\"" + who + "\"");
     }
 }
 
-void Drawing::member_cluster(int64_t dev) {
-    auto [state, summary] = member_summary(dev);
-    std::string label = "<font point-size=\"14\"><b>member " + num(dev) +
-                        "</b>: " + state_text(state) + "</font><br/>" + summary;
-    auto aps = aps_.find(dev);
-    auto far = far_.find(dev);
-    out_ << "  subgraph \"cluster member " << dev << "\" {\n"
-         << "    label=<" << label << ">; style=\"filled,rounded\"; fillcolor=\""
-         << state_colour(state) << "\";\n";
-    if (aps != aps_.end()) {
-        const Member *m = nullptr;
-        for (const auto &x : u_.members) {
-            if (x.devid == dev && m == nullptr) m = &x;
-        }
-        for (const auto &[apid, ap] : aps->second) {
-            std::string ports;
-            for (auto [n, what] :
-                 {std::pair{ap.listed, " in member list"}, std::pair{ap.waiting, " waiting"},
-                  std::pair{ap.down, " down"}}) {
-                if (n > 0) ports += (ports.empty() ? "" : ", ") + num(n) + what;
-            }
-            std::string l =
-                "<b>apid " + num(apid) + "</b>: " + (ports.empty() ? "no port" : ports) +
-                "<br align=\"left\"/>unicast: " + plural(ap.load.count, "module id", "module ids");
-            if (ap.load.main_boards > 0) l += " +" + num(ap.load.main_boards) + " main board";
-            if (ap.off_port > 0) l += " (" + num(ap.off_port) + " on a port not drawn)";
-            l += "<br align=\"left\"/>";
-            if (m != nullptr && m->routes.count(apid)) {
-                const auto &[to, from] = m->routes.at(apid);
-                std::string r;
-                if (!to.empty()) r += "unicast to " + devices_text(to);
-                if (!from.empty()) {
-                    r += std::string(r.empty() ? "" : ", ") + "multicast in from " +
-                         devices_text(from);
-                }
-                l += "topology map: " + r + "<br align=\"left\"/>";
-            }
-            if (m != nullptr && m->filters.count(apid)) {
-                const auto &f = m->filters.at(apid);
-                l += "ingress permits " + num(f.first) + ", egress blocks " + num(f.second) +
-                     " module ids<br align=\"left\"/>";
-            }
-            for (const auto &mc : ap.mc_lines) l += mc + "<br align=\"left\"/>";
-            out_ << "    subgraph \"cluster member " << dev << " apid " << apid << "\" {\n"
-                 << "      label=<" << l << ">; style=filled; fillcolor=white;\n";
-            if (ap.cards.empty()) {
-                out_ << "      \"member " << dev << " apid " << apid
-                     << " no port\" [shape=box, style=dashed, label=\"no port\"];\n";
-            }
-            for (const auto &[card, ports] : ap.cards) {
-                out_ << "      subgraph \"cluster member " << dev << " apid " << apid << " card "
-                     << card_text(card) << "\" {\n"
-                     << "      label=<card " << card_text(card) << ": " << chips_of(card)
-                     << ">; style=dashed;\n";
-                for (const auto &p : ports) port_node(p, own_.at(p));
-                out_ << "      }\n";
-            }
-            out_ << "    }\n";
-        }
-    }
-    if (far != far_.end()) {
-        for (const auto &[card, ports] : far->second) {
-            out_ << "    subgraph \"cluster member " << dev << " far card " << card_text(card)
-                 << "\" {\n"
-                 << "      label=<card " << card_text(card) << ": " << chips_of(card)
-                 << ">; style=\"filled,dashed\"; fillcolor=white;\n";
-            for (const auto &p : ports) {
-                out_ << "      " << port_id(p) << " [label=<<table border=\"1\" cellborder=\"0\""
-                     << " cellpadding=\"3\"><tr><td><b>" << port_text(p)
-                     << "</b></td></tr></table>>];\n";
-            }
-            out_ << "    }\n";
-        }
-    }
-    out_ << "  }\n";
+void Drawing::legend() {
+    auto swatch = [](const char *fill, const char *what) {
+        return std::string("<td bgcolor=\"") + fill + "\" border=\"1\">&#160;&#160;&#160;</td>" +
+               "<td align=\"left\">" + what + "</td>";
+    };
+    auto line = [](const char *colour, const char *dash, const char *what) {
+        return std::string("<td><font color=\"") + colour + "\"><b>" + dash + "</b></font></td>" +
+               "<td align=\"left\">" + what + "</td>";
+    };
+    out_ << "  legend [label=<<table border=\"1\" cellborder=\"0\" cellspacing=\"2\""
+         << " cellpadding=\"2\"><tr><td colspan=\"6\" align=\"left\"><b>member: process, "
+         << "forwarding state</b></td></tr><tr>"
+         << swatch(fwd_colour("forward"), "running, forward")
+         << swatch(fwd_colour("part_forward"), "running, part_forward")
+         << swatch(fwd_colour("block"), "running, block") << "</tr><tr>"
+         << swatch(fwd_colour("timeout"), "running, timeout") << swatch(kStopped, "stopped")
+         << swatch(kUnreachable, "unreachable") << "</tr><tr>"
+         << swatch(fwd_colour(""), "running, no state") << swatch(kUnknown, "process not known")
+         << swatch(kFlagFill, "stale or contradicting")
+         << "</tr><tr><td colspan=\"6\" align=\"left\"><b>"
+         << (o_.links ? "links" : "links between two aggregate ports, folded (width: links up)")
+         << "</b></td></tr><tr>" << line(kListed, "&#8212;&#8212;", "up, in member list")
+         << line(kWaiting, "- - -", "up, not in member list")
+         << line(kDown, "&#183; &#183; &#183;", "down") << "</tr><tr>"
+         << line(kFlag, "&#8212;&#8212;", "ends disagree")
+         << "<td></td><td></td><td></td><td></td></tr></table>>];\n";
+    rows_.push_back({"legend"});
 }
 
-void Drawing::edges() {
-    std::set<std::pair<Port, Port>> drawn;
-    for (const auto &m : u_.members) {
-        std::set<Port> mc_ports;
-        for (const auto &[key, choice] : m.mmc) mc_ports.insert(choice.local);
-        for (const auto &[p, l] : m.links) {
-            if (!drawn.insert(std::minmax(p, l.peer)).second) continue;
-            const OwnPort &o = own_.at(p);
-            std::string attrs;
-            if (!l.up) {
-                attrs = "color=\"#999999\", style=dotted";
-            } else if (mc_ports.count(p)) {
-                attrs = std::string("color=\"") + kMainMc + "\", penwidth=3";
-            } else if (o.listed) {
-                attrs = "color=\"#1b7837\", penwidth=1.5";
-            } else {
-                attrs = "color=\"#e08214\", style=dashed";
-            }
-            out_ << "  " << port_id(p) << " -> " << port_id(l.peer) << " [" << attrs << "];\n";
+// Rows of at most two members: a ring's first member alone on top, then the
+// rest folded (second and last side by side, and so on); a chain folded from
+// both ends; members without links two by two.
+void Drawing::layout() {
+    std::vector<int64_t> lone;
+    auto flush_lone = [&] {
+        for (size_t i = 0; i < lone.size(); i += 2) {
+            std::vector<int64_t> row(
+                lone.begin() + static_cast<long>(i),
+                lone.begin() + static_cast<long>(std::min(i + 2, lone.size())));
+            for (size_t c = 0; c < row.size(); ++c) place_[row[c]] = {rows_.size(), c};
+            rows_.emplace_back();
+            for (int64_t d : row) rows_.back().push_back(node_id(d));
         }
+        lone.clear();
+    };
+    for (const auto &s : f_.strands) {
+        if (s.devs.size() == 1) {
+            lone.push_back(s.devs[0]);
+            continue;
+        }
+        flush_lone();
+        auto row = [&](std::vector<int64_t> devs) {
+            for (size_t c = 0; c < devs.size(); ++c) place_[devs[c]] = {rows_.size(), c};
+            rows_.emplace_back();
+            for (int64_t d : devs) rows_.back().push_back(node_id(d));
+        };
+        size_t i = 0, j = s.devs.size() - 1;
+        if (s.ring) row({s.devs[i++]});
+        for (; i < j; ++i, --j) row({s.devs[i], s.devs[j]});
+        if (i == j) row({s.devs[i]});
     }
+    flush_lone();
+}
+
+// Edges run from the upper row down (or left to right within a row), so that
+// the ranks are the rows.
+bool Drawing::before(int64_t a, int64_t b) const {
+    return place_.at(a) <= place_.at(b);
+}
+
+void Drawing::bundle_edge(const Bundle &b) {
+    int up = 0, listed = 0;
+    std::vector<std::string> issues;
+    for (const auto &l : b.links) {
+        up += l.up;
+        listed += l.up && l.listed;
+        if (!l.issue.empty()) issues.push_back(l.issue);
+    }
+    int n = static_cast<int>(b.links.size());
+    const End &from = before(b.a.first, b.b.first) ? b.a : b.b;
+    const End &to = &from == &b.a ? b.b : b.a;
+    // Which aggregate port at each end whose records say; once when they agree.
+    std::string aps;
+    for (const End *e : {&from, &to}) {
+        if (e->second == 0) continue;
+        aps += (aps.empty() ? "apid " : ", apid ") + num(e->second) + " at " + num(e->first);
+    }
+    if (from.second == to.second) aps = "apid " + num(from.second);
+    std::string label = "<b>" + aps + "</b>: " + plural(n, "link", "links") + ": " +
+                        counts_text({{up, "up"}, {n - up, "down"}}) + "<br/>" + num(listed) +
+                        " in member list";
+    for (size_t i = 0; i < issues.size() && i < 3; ++i) {
+        label += "<br/><font color=\"" + std::string(kFlag) + "\">" + html(issues[i]) + "</font>";
+    }
+    if (issues.size() > 3) {
+        label += "<br/><font color=\"" + std::string(kFlag) + "\">and " +
+                 num(static_cast<int64_t>(issues.size() - 3)) + " more</font>";
+    }
+    std::string style = !issues.empty() ? std::string("color=\"") + kFlag + "\""
+                        : up == 0       ? std::string("color=\"") + kDown + "\", style=dotted"
+                        : listed == 0   ? std::string("color=\"") + kWaiting + "\", style=dashed"
+                                        : std::string("color=\"") + kListed + "\"";
+    out_ << "  " << node_id(from.first) << " -> " << node_id(to.first) << " [" << style
+         << ", penwidth=" << 1 + std::min(up, 16) / 4 << ", label=<" << label << ">];\n";
+}
+
+// The port's row in its member's node; the node itself when it has none.
+std::string Drawing::port_end(const Port &p) const {
+    const MemberFacts &mf = f_.members.at(p.card.dev);
+    bool row = mf.ports.count(p) || mf.far_ports.count(p);
+    return node_id(p.card.dev) + (row ? ":" + port_name(p) : "");
+}
+
+void Drawing::link_edge(const LinkFacts &l) {
+    bool forward = before(l.a.card.dev, l.b.card.dev);
+    const Port &from = forward ? l.a : l.b;
+    const Port &to = forward ? l.b : l.a;
+    std::string style = !l.issue.empty()
+                            ? std::string("color=\"") + kFlag + "\", label=<" + html(l.issue) + ">"
+                        : !l.up     ? std::string("color=\"") + kDown + "\", style=dotted"
+                        : !l.listed ? std::string("color=\"") + kWaiting + "\", style=dashed"
+                                    : std::string("color=\"") + kListed + "\"";
+    out_ << "  " << port_end(from) << " -> " << port_end(to) << " [" << style << "];\n";
 }
 
 std::string Drawing::dot() {
-    std::string who;
-    int undecodable = 0;
-    for (const auto &m : u_.members) {
-        who += (who.empty() ? "" : ", ") + num(m.devid);
-        undecodable += m.undecodable;
-    }
+    std::set<int64_t> read;
+    for (const auto &[dev, m] : u_.members) read.insert(dev);
     int main_boards = 0;
     for (const auto &[modid, type] : u_.modid_type) main_boards += type == p_dev::DM_TYPE_MB;
     // Graphviz refuses an empty <b></b>.
     std::string label =
-        title_.empty() ? "" : "<font point-size=\"16\"><b>" + html(title_) + "</b></font><br/>";
-    label += std::string("as the databases of member") + (u_.members.size() == 1 ? " " : "s ") +
-             who +
-             " say: " + plural(static_cast<int>(u_.modid_type.size()), "module id", "module ids") +
-             " (" + num(main_boards) + " main board)";
-    if (undecodable > 0) {
-        label += "<br/><font color=\"red\">" +
-                 plural(undecodable, "record does not decode", "records do not decode") +
-                 " (left out)</font>";
+        o_.title.empty() ? "" : "<font point-size=\"16\"><b>" + html(o_.title) + "</b></font><br/>";
+    label += read.empty() ? std::string("no member's records given: ")
+                          : std::string("as the records of member") +
+                                (read.size() == 1 ? " " : "s ") + devices_text(read) + " say: ";
+    label += plural(static_cast<int>(u_.modid_type.size()), "module id", "module ids") + " (" +
+             num(main_boards) + " main board)";
+    if (f_.flagged > 0) {
+        label +=
+            "<br/><font color=\"" + std::string(kFlag) + "\">" +
+            plural(f_.flagged, "stale or contradicting record", "stale or contradicting records") +
+            " flagged</font>";
     }
-    label +=
-        "<br/><font point-size=\"10\">ports: green in the member list, orange waiting (link up, "
-        "not in the list), grey link down, red inconsistent; blue: main multicast</font>";
-
     out_ << "digraph unit {\n"
-         << "  graph [rankdir=LR, newrank=true, ranksep=1.2, nodesep=0.12, labelloc=t,"
-         << " fontname=\"Helvetica\", fontsize=11, label=<" << label << ">];\n"
+         << "  graph [newrank=true, nodesep=0.5, ranksep=0.4, labelloc=t, fontname=\"Helvetica\","
+         << " fontsize=12, label=<" << label << ">];\n"
          << "  node [shape=plain, fontname=\"Helvetica\", fontsize=10];\n"
-         << "  edge [dir=none];\n";
-    other_members();
-    for (int64_t dev : devs_) {
-        if (has_ports(dev)) member_cluster(dev);
+         << "  edge [dir=none, fontname=\"Helvetica\", fontsize=10];\n";
+    layout();
+    for (const auto &[dev, mf] : f_.members) member_node(dev);
+    other_devices();
+    legend();
+    // The rows: side by side in order, and each below the one before.
+    for (size_t r = 0; r < rows_.size(); ++r) {
+        const auto &row = rows_[r];
+        out_ << "  { rank=same; ";
+        for (const auto &id : row) out_ << id << "; ";
+        if (row.size() == 2) out_ << row[0] << " -> " << row[1] << " [style=invis]; ";
+        out_ << "}\n";
+        if (r > 0) out_ << "  " << rows_[r - 1][0] << " -> " << row[0] << " [style=invis];\n";
     }
-    edges();
+    for (const auto &[key, b] : f_.bundles) {
+        if (!o_.links) {
+            bundle_edge(b);
+            continue;
+        }
+        for (const auto &l : b.links) link_edge(l);
+    }
     out_ << "}\n";
     return out_.str();
 }
@@ -440,8 +449,10 @@ std::string Drawing::dot() {
 
 }  // namespace pictures
 
-std::string unit_dot(const std::vector<MemberView> &members, const std::string &title) {
-    return pictures::Drawing(pictures::gather(members), title).dot();
+std::string unit_dot(const std::vector<MemberView> &members, const PictureOptions &options) {
+    pictures::Unit unit = pictures::gather(members);
+    pictures::Facts facts = pictures::examine(unit);
+    return pictures::Drawing(unit, facts, options).dot();
 }
 
 }  // namespace host

@@ -1,6 +1,5 @@
 // Gathering the records of a unit's members into the picture model
-// (picture_model.h). Counts stand for lists throughout, so that a unit with
-// thousands of module ids and 16 ports per aggregate port still reads at a glance.
+// (picture_model.h): each record decoded once into what the drawing needs.
 #include "picture_model.h"
 
 #include <algorithm>
@@ -123,25 +122,44 @@ bool take_record(const platform::StoredRecord &r, Unit *unit, Member *m) {
 
 }  // namespace
 
+std::string num(int64_t v) {
+    return std::to_string(v);
+}
+
+std::string port_text(const Port &p) {
+    const Card &c = p.card;
+    return num(c.dev) + "/" + num(c.slot) + "/" + (c.sslot != 0 ? num(c.sslot) + "/" : "") +
+           num(p.lport);
+}
+
+std::string plural(int n, const char *one, const char *many) {
+    return num(n) + " " + (n == 1 ? one : many);
+}
+
 Unit gather(const std::vector<MemberView> &views) {
     Unit unit;
-    for (const auto &v : views) {
-        Member m;
-        m.devid = v.devid;
-        for (const auto &r : v.records) {
+    // In device order, so that records shared by several views (ASIC_DB and
+    // UDP_DB) are taken in the same order whatever order the views come in.
+    std::vector<const MemberView *> sorted;
+    sorted.reserve(views.size());
+    for (const auto &v : views) sorted.push_back(&v);
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const MemberView *a, const MemberView *b) { return a->devid < b->devid; });
+    for (const MemberView *v : sorted) {
+        Member &m = unit.members[v->devid];
+        m.devid = v->devid;
+        m.process = std::max(m.process, v->process);
+        for (const auto &r : v->records) {
             if (!take_record(r, &unit, &m)) ++m.undecodable;
         }
-        unit.members.push_back(std::move(m));
     }
-    std::sort(unit.members.begin(), unit.members.end(),
-              [](const Member &a, const Member &b) { return a.devid < b.devid; });
     return unit;
 }
 
 }  // namespace pictures
 
 MemberView local_member_view(uint32_t devid) {
-    MemberView v{devid, {}};
+    MemberView v{devid, {}, ProcessState::unknown};
     for (int db : {kAsicDb, kLocalDb, kUdpDb, kTopoDb}) {
         auto records = platform::db_records(db);
         v.records.insert(v.records.end(), records.begin(), records.end());
