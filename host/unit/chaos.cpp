@@ -51,15 +51,18 @@ Report run_chaos(Supervisor &s, const Unit &u, const ChaosOptions &o, std::ostre
     }
     const uint64_t start = now_us();
     int n = 0;
+    auto print = [&](const std::string &what, const Settled &r) {
+        out << std::fixed << std::setprecision(1) << "[" << std::setw(7)
+            << static_cast<double>(now_us() - start) / 1e6 << " s] " << what << ": "
+            << Report::line(r) << std::endl;
+        for (const auto &v : r.violations) out << violation_text(v);
+    };
     auto step = [&](const std::string &kind, const Fault &f, std::optional<int> restarted) {
         s.mark();
         s.inject(f);
         Settled r = s.settle(restarted);
         report.add(kind, f.text, r);
-        out << std::fixed << std::setprecision(1) << "[" << std::setw(7)
-            << static_cast<double>(now_us() - start) / 1e6 << " s] " << f.text << ": "
-            << Report::line(r) << std::endl;
-        for (const auto &v : r.violations) out << violation_text(v);
+        print(f.text, r);
     };
     while ((o.max_faults == 0 || n < o.max_faults) &&
            static_cast<double>(now_us() - start) / 1e6 < o.seconds && !s.failed()) {
@@ -80,9 +83,7 @@ Report run_chaos(Supervisor &s, const Unit &u, const ChaosOptions &o, std::ostre
                 s.start_responder();
                 Settled r = s.settle();
                 report.add("responder restart", "responder restart, " + down.text, r);
-                out << "responder restart around " << down.text << ": " << Report::line(r)
-                    << std::endl;
-                for (const auto &v : r.violations) out << violation_text(v);
+                print("responder restart, " + down.text, r);
             } else {
                 step("link down", down, std::nullopt);
             }

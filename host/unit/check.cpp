@@ -93,7 +93,6 @@ class Checker {
             check_forwarding(v);
         }
         check_both_ends();
-        check_across();
         check_multicast();
     }
 
@@ -458,28 +457,6 @@ class Checker {
     Bits egr(const View &v, int a) const {
         auto it = v.r->egr.find(a);
         return it == v.r->egr.end() ? Bits{} : bits_of(it->second.block_modid());
-    }
-
-    void check_across() {
-        for (const auto &[x, vx] : views_) {
-            if (!vx.r->present) continue;
-            for (int c : {1, 2}) {
-                auto to = across(vx, c);
-                if (!to || views_.count(to->first) == 0 || !views_.at(to->first).r->present)
-                    continue;
-                const View &vy = views_.at(to->first);
-                Bits accepted = igr(vy, to->second) & egr(vx, c);
-                for (const auto &[s, ids] : modids_) {
-                    if (s == x || (accepted & ids).none()) continue;
-                    add(x, "across",
-                        "member " + std::to_string(to->first) + " accepts member " +
-                            std::to_string(s) + "'s multicast on aggregate port " +
-                            std::to_string(to->second) + ", but member " + std::to_string(x) +
-                            " blocks it on aggregate port " + std::to_string(c),
-                        {ids_text(accepted & ids)});
-                }
-            }
-        }
     }
 
     void check_multicast() {

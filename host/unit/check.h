@@ -18,10 +18,11 @@
 //              permit on apid a the sources whose multicast comes in on a;
 //              block on a every used member's module ids except the sources
 //              whose multicast goes out on a
-//   across     a member that accepts a source's traffic from a neighbour is
-//              not blocked from it by that neighbour's egress filter
 //   multicast  a source's multicast, sent over each confirmed main multicast
-//              port, reaches every member of its part of the unit exactly once
+//              port, passed on by every member whose egress filter lets it
+//              out and taken in by every member whose ingress filter permits
+//              it, reaches every member of its part of the unit exactly once:
+//              the filters of the members along each path agree
 //   mmc        an aggregate port with ports has one main multicast request on
 //              a chip of its ports; every request is confirmed and every
 //              confirmation answers a request

@@ -1,6 +1,7 @@
 // dpm-unit: a unit described once in a file; run it, break it, check it, draw it.
 //
-//   dpm-unit run UNITFILE [--once] [OPTIONS]   bring the unit up, play its phases, keep it running
+//   dpm-unit run UNITFILE [--once] [--pictures DIR] [OPTIONS]
+//                                              bring the unit up, play its phases, keep it running
 //   dpm-unit check [--redis ADDR|--dir DIR]    judge the running unit from its records
 //   dpm-unit chaos UNITFILE --seconds S --seed N [--faults N] [--kinds LIST] [OPTIONS]
 //   dpm-unit picture FILE [--redis ADDR|--dir DIR]
@@ -31,12 +32,12 @@ struct Args {
     double seconds = -1;
     long long seed = -1;
     bool once = false;
-    std::string kinds;
+    std::string kinds, pictures;
 };
 
 void usage(std::ostream &os) {
-    os << "usage: dpm-unit run UNITFILE [--once] [--dir DIR] [--redis ADDR] [--host DPM-HOST]\n"
-          "                [--level N] [--timeout SECONDS]\n"
+    os << "usage: dpm-unit run UNITFILE [--once] [--pictures DIR] [--dir DIR] [--redis ADDR]\n"
+          "                [--host DPM-HOST] [--level N] [--timeout SECONDS]\n"
           "       dpm-unit check [--redis ADDR | --dir DIR]\n"
           "       dpm-unit chaos UNITFILE --seconds S --seed N [--faults N]\n"
           "                [--kinds link,card,member,responder,hop,redis] [run's options]\n"
@@ -83,6 +84,8 @@ Args parse(int argc, char **argv) {
             a.seed = number();
         else if (w == "--kinds")
             a.kinds = value();
+        else if (w == "--pictures")
+            a.pictures = value();
         else if (w == "--once")
             a.once = true;
         else if (w == "-h" || w == "--help")
@@ -121,15 +124,10 @@ std::string resolve_address(const Args &a) {
     return addr;
 }
 
-// The members of the unit on `address`, with their process states.
-std::vector<unit::MemberInfo> members_of(const std::string &address, std::string *name,
+// The members of a running unit with their process states, from what dpm-unit
+// keeps on its server; without that, every member that has link records.
+std::vector<unit::MemberInfo> members_in(const unit::UnitState::View &view, std::string *name,
                                          std::map<int, std::string> *states) {
-    std::string error;
-    auto st = unit::UnitState::connect(address, &error);
-    if (!st) throw std::runtime_error("cannot reach " + address + ": " + error);
-    if (platform::db_use_redis(address, &error) != 0)
-        throw std::runtime_error("cannot use " + address + ": " + error);
-    auto view = st->read();
     std::vector<unit::MemberInfo> infos;
     if (view.found) {
         unit::Unit u = unit::parse_unit(view.file, "(the running unit)");
@@ -140,8 +138,6 @@ std::vector<unit::MemberInfo> members_of(const std::string &address, std::string
         }
         return infos;
     }
-    // Not started by dpm-unit: every member that has link records.
-    *name = address;
     for (int id = 1; id <= 15; ++id) {
         platform::db_view(id);
         if (platform::db_records(3, "p_dev.vsl_local_link").empty()) continue;
@@ -151,6 +147,33 @@ std::vector<unit::MemberInfo> members_of(const std::string &address, std::string
     }
     platform::db_view(0);
     return infos;
+}
+
+std::vector<unit::MemberInfo> members_of(const std::string &address, std::string *name,
+                                         std::map<int, std::string> *states) {
+    std::string error;
+    auto st = unit::UnitState::connect(address, &error);
+    if (!st) throw std::runtime_error("cannot reach " + address + ": " + error);
+    if (platform::db_use_redis(address, &error) != 0)
+        throw std::runtime_error("cannot use " + address + ": " + error);
+    *name = address;
+    return members_in(st->read(), name, states);
+}
+
+// The unit as its records say, each member with its process state.
+void draw(const std::string &name, const std::vector<unit::MemberInfo> &infos,
+          std::map<int, std::string> &states, const std::string &file, const std::string &what) {
+    std::vector<host::MemberView> views;
+    std::string title = "unit " + name + (what.empty() ? "" : ", " + what) + ":";
+    for (const auto &m : infos) {
+        platform::db_view(m.id);
+        views.push_back(host::local_member_view(static_cast<uint32_t>(m.id)));
+        title += " member " + std::to_string(m.id) + " " + states[m.id] + ";";
+    }
+    platform::db_view(0);
+    std::filesystem::path path(file);
+    if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path());
+    host::write_picture(host::unit_dot(views, title), file);
 }
 
 int do_check(const Args &a) {
@@ -170,15 +193,7 @@ int do_picture(const Args &a) {
     std::string name;
     std::map<int, std::string> states;
     auto infos = members_of(resolve_address(a), &name, &states);
-    std::vector<host::MemberView> views;
-    std::string title = "unit " + name + ":";
-    for (const auto &m : infos) {
-        platform::db_view(m.id);
-        views.push_back(host::local_member_view(static_cast<uint32_t>(m.id)));
-        title += " member " + std::to_string(m.id) + " " + states[m.id] + ";";
-    }
-    platform::db_view(0);
-    host::write_picture(host::unit_dot(views, title), a.file);
+    draw(name, infos, states, a.file, "");
     std::cout << "picture: " << std::filesystem::absolute(a.file).lexically_normal().string()
               << "\n";
     return 0;
@@ -210,12 +225,24 @@ int do_run(const Args &a, const unit::Unit &u, const std::string &text) {
     remember(s);
     unit::Report report;
     int phase = 0;
+    std::string error;
+    auto state = unit::UnitState::connect(s.address(), &error);
+    if (!state) throw std::runtime_error("cannot reach " + s.address() + ": " + error);
     auto settle = [&](const std::string &what, std::optional<int> restarted) {
         unit::Settled r = s.settle(restarted);
         const std::string kind = phase == 0 ? "up" : "phase " + std::to_string(phase);
         report.add(kind, kind + " (" + what + ")", r);
         std::cout << "== " << kind << ": " << what << ": " << unit::Report::line(r) << std::endl;
         for (const auto &v : r.violations) std::cout << unit::violation_text(v);
+        if (!a.pictures.empty()) {
+            std::string name;
+            std::map<int, std::string> states;
+            auto infos = members_in(state->read(), &name, &states);
+            char file[32];
+            std::snprintf(file, sizeof file, "/%02d-%s.svg", phase, phase == 0 ? "up" : "phase");
+            draw(name, infos, states, a.pictures + file, kind + ": " + what);
+            std::cout << "   picture: " << a.pictures + file << std::endl;
+        }
         ++phase;
     };
     settle("the unit comes up", std::nullopt);

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <time.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
@@ -306,12 +307,13 @@ Settled Supervisor::settle(std::optional<int> restarted) {
     // have paused, and again at least every half second, until it holds.
     constexpr uint64_t kQuietUs = 40000, kRecheckUs = 500000;
     const uint64_t deadline = mark_us_ + static_cast<uint64_t>(o_.settle_timeout_ms) * 1000U;
-    uint64_t checked_events = UINT64_MAX, last_check = 0;
+    uint64_t checked_events = UINT64_MAX, last_check = now_us();
     Settled s;
     for (;;) {
         turn(5);
         const uint64_t now = now_us();
-        const bool quiet = now - last_event_us_ >= kQuietUs;
+        // Quiet since the change, too: the first writes may still be on their way.
+        const bool quiet = now - std::max(last_event_us_, mark_us_) >= kQuietUs;
         const bool timeout = now >= deadline || (o_.stop != nullptr && *o_.stop != 0);
         if (!timeout && !(quiet && events_ != checked_events) && now - last_check < kRecheckUs)
             continue;
