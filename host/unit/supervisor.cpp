@@ -103,7 +103,8 @@ void Supervisor::watch() {
                 dirty_ = true;
             });
         for (const char *type : kOutputs) {
-            platform::db_watch(id, kTopoDb, type, [this](int, const std::string &) { event(); });
+            platform::db_watch(id, kTopoDb, type,
+                               [this, id](int, const std::string &) { event(id); });
         }
         // The maps already stored: written again only when they change.
         platform::db_view(id);
@@ -122,9 +123,10 @@ void Supervisor::watch() {
                        });
 }
 
-void Supervisor::event() {
+void Supervisor::event(int member) {
     ++events_;
     last_event_us_ = now_us();
+    if (member != 0) last_write_us_[member] = last_event_us_;
 }
 
 void Supervisor::produce() {
@@ -334,10 +336,21 @@ Settled Supervisor::settle(std::optional<int> restarted) {
         if ((s.violations.empty() && fresh) || timeout) {
             s.held = s.violations.empty() && fresh;
             s.converge_ms = since_mark_ms(last_event_us_);
+            for (const auto &[m, t] : last_write_us_) {
+                if (t > mark_us_) s.member_ms[m] = since_mark_ms(t);
+            }
             s.verified_ms = since_mark_ms(now_us());
             return s;
         }
     }
+}
+
+std::vector<std::pair<std::string, pid_t>> Supervisor::pids() const {
+    std::vector<std::pair<std::string, pid_t>> v;
+    for (const auto &[id, c] : members_) v.emplace_back(c.name, c.pid);
+    if (responder_.pid != 0) v.emplace_back("responder", responder_.pid);
+    if (redis_.pid != 0) v.emplace_back("redis-server", redis_.pid);
+    return v;
 }
 
 void Supervisor::stop_all() {

@@ -34,6 +34,7 @@ struct Settled {
     double converge_ms = 0;             // from the change to the last output write
     double verified_ms = 0;             // from the change to the check that held
     std::vector<Violation> violations;  // of the last check, when it never held
+    std::map<int, double> member_ms;    // per member, its last output write
 };
 
 class Supervisor {
@@ -71,6 +72,8 @@ class Supervisor {
     void stop_all();
 
     bool failed() const { return failed_; }
+    // The processes it runs now: "member N", "responder", "redis-server".
+    std::vector<std::pair<std::string, pid_t>> pids() const;
     const std::string &address() const { return address_; }
     const Components &components() const { return components_; }
 
@@ -80,7 +83,7 @@ class Supervisor {
     void stop_member(int id, int sig, bool leave);
     void produce();
     void watch();
-    void event();
+    void event(int member = 0);
     std::vector<MemberInfo> member_infos() const;
     double since_mark_ms(uint64_t t) const;
 
@@ -106,6 +109,7 @@ class Supervisor {
     uint64_t start_us_ = 0;
     uint64_t last_beat_us_ = 0;
     std::map<int, uint64_t> fwd_written_us_;  // by device
+    std::map<int, uint64_t> last_write_us_;   // by member
 };
 
 uint64_t now_us();
