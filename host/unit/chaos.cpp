@@ -113,7 +113,20 @@ Report run_chaos(Supervisor &s, const Unit &u, const ChaosOptions &o, std::ostre
             f.text = "hop up " + std::to_string(a) + " " + std::to_string(b);
             step("hop up", f, std::nullopt);
         } else if (kind == "redis") {
-            step("redis kill", fault(Fault::RedisKill, "redis kill"), std::nullopt);
+            // Connections dropped, and a card goes (its module ids deleted)
+            // before the members are back: a resumed session must deliver the
+            // writes and the deletions it missed.
+            const Card &c = cards[rng.below(cards.size())];
+            Fault out = fault(Fault::CardOut, "card out " + card_text(c));
+            Fault in = fault(Fault::CardIn, "card in " + card_text(c));
+            out.card = in.card = c;
+            s.mark();
+            s.inject(fault(Fault::RedisKill, "redis kill"));
+            s.inject(out);
+            Settled r = s.settle();
+            report.add("redis kill", "redis kill, " + out.text, r);
+            print("redis kill, " + out.text, r);
+            step("card in", in, std::nullopt);
         }
     }
     return report;

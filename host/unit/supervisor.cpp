@@ -231,11 +231,22 @@ void Supervisor::inject(const Fault &f) {
             start_responder();
             break;
         case Fault::RedisKill: {
-            std::string reply;
-            // Every connection but this one: the members', the responder's and
-            // the supervisor's own store connection, which resume.
-            state_->command({"CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes"}, &reply);
-            log("redis: connections killed: " + reply);
+            // The connections of the unit's processes: those opened after
+            // this supervisor's own (connection ids only grow). Its own stay,
+            // so that the components' writes that follow are not lost.
+            std::string mine, list;
+            state_->command({"CLIENT", "ID"}, &mine);
+            state_->command({"CLIENT", "LIST", "TYPE", "normal"}, &list);
+            const long long own = std::atoll(mine.c_str());
+            int killed = 0;
+            std::istringstream lines(list);
+            for (std::string line; std::getline(lines, line);) {
+                if (line.rfind("id=", 0) != 0) continue;
+                const long long id = std::atoll(line.c_str() + 3);
+                if (id > own && state_->command({"CLIENT", "KILL", "ID", std::to_string(id)}))
+                    ++killed;
+            }
+            log("redis: " + std::to_string(killed) + " connections of the unit's processes killed");
             break;
         }
     }

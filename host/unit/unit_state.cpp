@@ -63,6 +63,7 @@ bool UnitState::command(const std::vector<std::string> &argv, std::string *reply
     }
     bool ok = r->type != REDIS_REPLY_ERROR;
     if (reply != nullptr && r->str != nullptr) *reply = std::string(r->str, r->len);
+    if (reply != nullptr && r->type == REDIS_REPLY_INTEGER) *reply = std::to_string(r->integer);
     freeReplyObject(r);
     return ok;
 }
