@@ -25,7 +25,7 @@ Bits bits_of(const Words &w) {
     Bits b;
     for (int i = 0; i < w.size() && i < 64; ++i) {
         for (int j = 0; j < 32; ++j) {
-            if ((w.Get(i) >> j) & 1U) b.set(static_cast<size_t>(i * 32 + j));
+            if ((w.Get(i) >> j) & 1U) b.set(static_cast<size_t>(i) * 32 + static_cast<size_t>(j));
         }
     }
     return b;
@@ -344,6 +344,7 @@ class Checker {
             }
             if (reqs.size() != 1) {
                 std::vector<std::string> recs;
+                recs.reserve(reqs.size());
                 for (const auto *r : reqs) recs.push_back(text_of(*r));
                 add(id, "mmc",
                     "aggregate port " + std::to_string(a) + " has " + std::to_string(reqs.size()) +

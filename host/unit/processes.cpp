@@ -28,6 +28,7 @@ void sleep_ms(int ms) {
 Child spawn(const std::string &name, const std::vector<std::string> &argv,
             const std::string &out_path) {
     std::vector<char *> args;
+    args.reserve(argv.size() + 1);
     for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
     const pid_t parent = getpid();

@@ -39,7 +39,10 @@ class Reader {
             if (std::none_of(known.begin(), known.end(), [&](const char *x) { return k == x; })) {
                 std::string list;
                 for (const char *x : known) list += std::string(list.empty() ? "" : ", ") + x;
-                fail(kv.first, "unknown key '" + k + "' in " + what + " (known: " + list + ")");
+                std::string msg = "unknown key '" + k + "' in ";
+                msg += what;
+                msg += " (known: " + list + ")";
+                fail(kv.first, msg);
             }
         }
     }
