@@ -2,6 +2,8 @@
 // rule by rule, each derived from the records alone.
 #include "check.h"
 
+#include "check_index.h"
+
 #include <algorithm>
 #include <bitset>
 #include <climits>
@@ -14,74 +16,14 @@ namespace unit {
 
 namespace {
 
-using Bits = std::bitset<2048>;
-using Card = std::tuple<int, int, int>;  // device, slot, sub-slot
-using Port = std::tuple<int, int, int, int>;
-
 constexpr int kTypeUnknown = 0, kTypeMb = 2, kTypeSfc = 5;
 
-template <typename Words>
-Bits bits_of(const Words &w) {
-    Bits b;
-    for (int i = 0; i < w.size() && i < 64; ++i) {
-        for (int j = 0; j < 32; ++j) {
-            if ((w.Get(i) >> j) & 1U) b.set(static_cast<size_t>(i) * 32 + static_cast<size_t>(j));
-        }
-    }
-    return b;
-}
-
-// "3 module ids: 1-2, 7"
-std::string ids_text(const Bits &b) {
-    std::ostringstream os;
-    os << b.count() << " module id" << (b.count() == 1 ? "" : "s") << ":";
-    int shown = 0;
-    for (size_t i = 0; i < b.size(); ++i) {
-        if (!b[i]) continue;
-        size_t j = i;
-        while (j + 1 < b.size() && b[j + 1]) ++j;
-        if (++shown > 8) {
-            os << " ...";
-            break;
-        }
-        os << (shown > 1 ? ", " : " ") << i;
-        if (j > i) os << "-" << j;
-        i = j;
-    }
-    return os.str();
-}
-
-std::string port_text(const Port &p) {
-    auto [d, s, ss, l] = p;
-    return std::to_string(d) + "/" + std::to_string(s) + "/" + std::to_string(ss) + "/" +
-           std::to_string(l);
-}
-
-Port port_of(const p_dev::vsl_local_link &l) {
-    return {l.index().devid(), l.index().slotid(), l.index().subslot(), l.index().lport()};
-}
-
-Port port_of(const u_cluster::vslport &p) {
-    return {static_cast<int>(p.devid()), static_cast<int>(p.slot()), static_cast<int>(p.sslot()),
-            static_cast<int>(p.lport())};
-}
-
-// One member as the rules see it.
-struct View {
-    const MemberRecords *r = nullptr;
-    std::map<Port, const p_dev::vsl_local_link *> links;
-    std::map<int, std::set<Port>> ap;  // the member lists, by apid
-    std::map<int, int> route;          // destination device -> out apid (first own route)
-    bool map_valid = false;
-};
-
-class Checker {
+class Checker : UnitIndex {
   public:
-    Checker(const UnitRecords &u, std::vector<Violation> *out) : u_(u), out_(out) {}
+    Checker(const UnitRecords &u, std::vector<Violation> *out) : UnitIndex(u), out_(out) {}
 
     void run() {
         for (const auto &s : u_.undecodable) add(0, "records", s, {});
-        index();
         check_maps();
         for (auto &[id, v] : views_) {
             if (!v.r->present) continue;
@@ -100,69 +42,6 @@ class Checker {
     void add(int member, const std::string &rule, const std::string &text,
              std::vector<std::string> records) {
         out_->push_back({member, rule, text, std::move(records)});
-    }
-
-    void index() {
-        for (const auto &a : u_.allocs) {
-            const auto &i = a.index();
-            if (a.modid() < 1 || a.modid() > 2047 || i.devid() < 0 || i.devid() > 31) continue;
-            modids_[i.devid()].set(static_cast<size_t>(a.modid()));
-            type_[a.modid()] = a.node_type();
-            dev_of_[a.modid()] = i.devid();
-            if (i.unit() == 0) chip_[{i.devid(), i.slotid(), i.sslotid()}] = a.modid();
-        }
-        for (const auto &c : u_.chips) {
-            const auto &i = c.index();
-            if (c.fwd_state() == "forward")
-                forwarding_.insert({static_cast<int>(i.t_devid()), static_cast<int>(i.slot()),
-                                    static_cast<int>(i.sslot())});
-        }
-        std::set<int> present;
-        for (const auto &[id, m] : u_.members) {
-            if (m.present) present.insert(id);
-            View &v = views_[id];
-            v.r = &m;
-            for (const auto &l : m.links) v.links[port_of(l)] = &l;
-            for (const auto &[apid, rec] : m.ap) {
-                for (const auto &p : rec.member()) v.ap[apid].insert(port_of(p));
-            }
-            if (m.map) {
-                for (const auto &f : m.map->fibs) {
-                    if (f.owner == id) v.route.emplace(f.dst, f.oif);
-                }
-                v.map_valid = true;
-                for (const auto &[dst, oif] : v.route) {
-                    if ((oif == 1 || oif == 2) && v.ap[oif].empty()) v.map_valid = false;
-                }
-                for (const auto &f : m.map->mfibs) {
-                    for (size_t k = 0; f.owner == id && k < f.oifs.size() && k < 2; ++k) {
-                        int a = f.oifs[k];
-                        if ((a == 1 || a == 2) && v.ap[a].empty()) v.map_valid = false;
-                    }
-                }
-            }
-        }
-        graph_ = live_graph(link_ends(u_), present);
-    }
-
-    int chip(int dev, int slot, int sslot) const {
-        auto it = chip_.find({dev, slot, sslot});
-        return it == chip_.end() ? 0 : it->second;
-    }
-    int chip(const Port &p) const { return chip(std::get<0>(p), std::get<1>(p), std::get<2>(p)); }
-
-    std::string link_text(const View &v, const Port &p) const {
-        auto it = v.links.find(p);
-        return it == v.links.end() ? "no p_dev.vsl_local_link for " + port_text(p)
-                                   : text_of(*it->second);
-    }
-
-    // The far end of a member's port, from its link record.
-    std::optional<Port> peer(const View &v, const Port &p) const {
-        auto it = v.links.find(p);
-        if (it == v.links.end()) return std::nullopt;
-        const auto &l = *it->second;
-        return Port{l.peer_dev_id(), l.peer_slot_id(), l.peer_sslot_id(), l.peer_lport()};
     }
 
     void check_maps() {
@@ -378,16 +257,6 @@ class Checker {
         }
     }
 
-    const u_cluster::mainmc_vlan_st *confirmed(const View &v,
-                                               const u_cluster::mainmc_vlan &r) const {
-        for (const auto &st : v.r->mmc_st) {
-            if (st.index().t_cfg_modid() == r.index().t_cfg_modid() &&
-                st.index().apid() == r.index().apid() && bits_of(st.vlan()) == bits_of(r.vlan()))
-                return &st;
-        }
-        return nullptr;
-    }
-
     void check_forwarding(View &v) {
         const int id = v.r->id;
         if (v.ap[1].empty() && v.ap[2].empty()) return;
@@ -439,27 +308,6 @@ class Checker {
         }
     }
 
-    // The member an aggregate port leads to, and the apid at that end.
-    std::optional<std::pair<int, int>> across(const View &v, int apid) const {
-        auto it = v.ap.find(apid);
-        if (it == v.ap.end() || it->second.empty()) return std::nullopt;
-        auto far = peer(v, *it->second.begin());
-        auto w = views_.find(std::get<0>(*far));
-        if (w == views_.end()) return std::nullopt;
-        auto l = w->second.links.find(*far);
-        if (l == w->second.links.end()) return std::nullopt;
-        return std::make_pair(w->first, l->second->vsl_ap());
-    }
-
-    Bits igr(const View &v, int a) const {
-        auto it = v.r->igr.find(a);
-        return it == v.r->igr.end() ? Bits{} : bits_of(it->second.permit_modid());
-    }
-    Bits egr(const View &v, int a) const {
-        auto it = v.r->egr.find(a);
-        return it == v.r->egr.end() ? Bits{} : bits_of(it->second.block_modid());
-    }
-
     void check_multicast() {
         for (const auto &[s, vs] : views_) {
             if (!vs.r->present || modids_[s].none()) continue;
@@ -509,14 +357,7 @@ class Checker {
         }
     }
 
-    const UnitRecords &u_;
     std::vector<Violation> *out_;
-    std::map<int, Bits> modids_;
-    std::map<int, int> type_, dev_of_;
-    std::map<Card, int> chip_;
-    std::set<Card> forwarding_;
-    std::map<int, View> views_;
-    Graph graph_;
 };
 
 }  // namespace

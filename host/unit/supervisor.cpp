@@ -62,8 +62,11 @@ void Supervisor::start() {
     std::string error;
     if (platform::db_use_redis(address_, &error) != 0)
         throw std::runtime_error("cannot use the Redis server " + address_ + ": " + error);
+    // Beside the bytes, a text form for people reading the store.
     platform::set_record_text([](const std::string &type, const std::string &packed) {
-        auto m = host::unpack_record(host::record_type(type), packed);
+        const auto *d =
+            google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
+        auto m = d != nullptr ? host::unpack_record(d, packed) : nullptr;
         return m != nullptr ? host::short_text(*m) : std::string();
     });
     state_ = UnitState::connect(address_, &error);

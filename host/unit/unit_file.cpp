@@ -369,10 +369,10 @@ Unit parse_unit(const std::string &text, const std::string &name) {
     if (!root.IsMap()) throw FileError(name + ":1: a unit file is a map (name, members, links)");
     r.keys(root, "the unit", {"name", "members", "links", "phases"});
     Unit u;
-    u.name =
-        root["name"] ? root["name"].as<std::string>() : std::filesystem::path(name).stem().string();
     if (!root["members"]) throw FileError(name + ":1: the unit has no members");
     try {
+        u.name = root["name"] ? root["name"].as<std::string>()
+                              : std::filesystem::path(name).stem().string();
         read_members(r, root["members"], &u);
         if (root["links"]) read_links(r, root["links"], &u);
         if (root["phases"]) read_phases(r, root["phases"], &u);

@@ -130,6 +130,30 @@ TEST(Check, EachSpoiltRecordIsCaughtByItsRule) {
          "2:filters 1:multicast "},
         {"a member that does not forward", [&](UnitRecords &u) { u.fwd[1].set_fwd_state("block"); },
          "2:forwarding "},
+        {"an own module id placed",
+         [&](UnitRecords &u) {
+             u1(u).uc.push_back(u1(u).uc[0]);
+             u1(u).uc.back().mutable_index()->set_modid(1);
+         },
+         "1:placement "},
+        {"a second port, left empty: loads differ by two",
+         [&](UnitRecords &u) {
+             auto l = u1(u).links[0];
+             l.mutable_index()->set_lport(2);
+             l.set_peer_lport(2);
+             u1(u).links.push_back(l);
+             auto *p = u1(u).ap[1].add_member();
+             *p = u1(u).ap[1].member(0);
+             p->set_lport(2);
+             auto far = u.members[2].links[0];
+             far.mutable_index()->set_lport(2);
+             far.set_peer_lport(2);
+             u.members[2].links.push_back(far);
+             auto *q = u.members[2].ap[1].add_member();
+             *q = u.members[2].ap[1].member(0);
+             q->set_lport(2);
+         },
+         "1:placement "},
         {"links down at both ends, ports still in use",
          [&](UnitRecords &u) {
              u1(u).links[0].set_status(0);

@@ -2,6 +2,11 @@
 // with the line that holds it.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "processes.h"
 #include "unit_file.h"
 
 namespace {
@@ -96,6 +101,19 @@ TEST(UnitFile, RefusesMistakesWithTheirLine) {
             EXPECT_EQ(std::string(e.what()).rfind(row.message, 0), 0U) << e.what();
         }
     }
+}
+
+// The unit's directory holds its server's socket: refused when others may
+// enter it.
+TEST(UnitFile, PrivateDirectoryIsTheUsersOwnAndClosed) {
+    std::string dir = ::testing::TempDir() + "dpm-unit-private";
+    std::filesystem::remove_all(dir);
+    EXPECT_NO_THROW(unit::private_dir(dir));
+    EXPECT_EQ(std::filesystem::status(dir).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_all);
+    chmod(dir.c_str(), 0755);
+    EXPECT_THROW(unit::private_dir(dir), std::runtime_error);
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
