@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "arguments.h"
@@ -20,6 +21,16 @@ namespace host {
 namespace {
 
 const char *const kRingCutKey = "u_cluster/dpm/dev_topo/kel_ring_cut_type";
+
+// The module takes each record type it reads in one form only: the link and
+// module-id records field by field (their components write them that way),
+// the others whole. A write in the other form would reach it and be ignored,
+// so the host refuses it and names the right command.
+const std::set<std::string> kFieldForm = {"p_dev.vsl_local_link", "s_intf.evt_mod_alloc"};
+const std::set<std::string> kWholeForm = {
+    "p_dev.dtm_route_info",       "p_dev.dtm_fiap_route_info", "u_cluster.vsl_chip_fwdstate",
+    "u_cluster.kel_dev_fwdstate", "u_cluster.kel_uc_balance",  "u_cluster.vsl_srcmod_igr",
+    "u_cluster.mainmc_vlan",      "u_cluster.mainmc_vlan_st"};
 
 }  // namespace
 
@@ -154,6 +165,14 @@ void Host::do_db(Cursor &c) {
     }
     int db = parse_db(c.word("database"));
     RecordArg r = record_arg(c);
+    if (op == "set" && kFieldForm.count(r.type) != 0)
+        throw ScriptError(r.type +
+                          " is stored field by field (the module reads it only in that form): "
+                          "write it with db hmset");
+    if (op == "hmset" && kWholeForm.count(r.type) != 0)
+        throw ScriptError(r.type +
+                          " is stored whole (the module reads it only in that form): write it "
+                          "with db set");
     int rv = op == "set"     ? platform::db_set(db, r.type, r.packed)
              : op == "hmset" ? platform::db_hmset(db, r.type, r.packed)
                              : platform::db_del(db, r.type, r.packed);

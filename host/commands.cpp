@@ -47,7 +47,9 @@ const std::vector<Command> &Host::commands() {
          "  member N                               look at member N's LOCAL_DB and TOPO_DB\n",
          &Host::do_member, true},
         {"respond",
-         "  respond N                              confirm member N's main multicast requests\n",
+         "  respond N                              confirm member N's main multicast requests\n"
+         "                                         (on start: confirm what lacks it, withdraw the "
+         "rest)\n",
          &Host::do_respond, true},
         {"expect",
          "  expect record|absent DB TYPE {RECORD} | expect count DB TYPE N\n"

@@ -33,6 +33,9 @@ void Host::serve(const volatile sig_atomic_t &stop) {
     while (stop == 0) {
         settle();
         flush_module_stdout();
+        // No expectation follows: the lines are in the log file already, and
+        // kept in memory they would grow for as long as the member serves.
+        platform::take_log();
         platform::db_wait(100);
     }
     settle();

@@ -174,6 +174,23 @@ TEST_F(ModidTest, FilterBitsFollowTheDeviceSetsOfEachAggregatePort) {
     EXPECT_FALSE(logged("devid 2 is not in current igr filter, apid:1!"));
 }
 
+// Found by the unit-wide check: an own chip added after the calculation (a
+// card of the member taken out and put back) stayed out of the egress blocks
+// for good. It joins the filters that hold the own device, and is not placed.
+TEST_F(ModidTest, OwnModuleIdAfterTheCalculationJoinsTheEgressBlocks) {
+    make_ready();
+    dpm_egr_block[1].dev_bmp = dpm_egr_block[2].dev_bmp = 1U << g_mydevid;
+    ModAlloc m(static_cast<int32_t>(g_mydevid), 2, 301);
+    ASSERT_EQ(add(m), 0);
+    EXPECT_TRUE(logged("my modid!"));
+    EXPECT_TRUE(dpm_bmp_test(dpm_egr_block[1].modid_bmp, 301));
+    EXPECT_TRUE(dpm_bmp_test(dpm_egr_block[2].modid_bmp, 301));
+    EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit[1].modid_bmp, 301));
+    EXPECT_EQ(dpm_modid_index[301]->uc_vsl, nullptr);
+    ASSERT_EQ(del(m), 0);
+    EXPECT_FALSE(dpm_bmp_test(dpm_egr_block[1].modid_bmp, 301));
+}
+
 // ---- events and bad records ----------------------------------------------------------
 
 TEST_F(ModidTest, OutOfRangeRecordsAreDroppedBeforeTouchingAnything) {

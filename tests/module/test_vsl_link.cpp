@@ -189,6 +189,24 @@ TEST_F(VslLinkTest, ChipLookupLimits) {
 
 // ---- down records, store-only moves, bad records ------------------------------------
 
+// A port re-cabled into the other aggregate port leaves the first one; a
+// change of configuration is reported as a notice, not as an error.
+TEST_F(VslLinkTest, PortMovedToTheOtherAggregatePortLeavesTheFirst) {
+    make_ready();
+    card(1);
+    card(2);
+    Link first(1, 1, 1);
+    ASSERT_EQ(feed(first), 0);
+    ASSERT_NE(active(1, 1), nullptr);
+    Link moved(1, 1, 2);
+    ASSERT_EQ(feed(moved), 0);
+    EXPECT_EQ(active(1, 1), nullptr);
+    EXPECT_NE(active(1, 2), nullptr);
+    EXPECT_TRUE(has_log(log(), "dpm_proc_lvsl_up",
+                        "vsl port moves from apid 1 to apid 2. dev:1, slot:1, sslot:0, lport:1",
+                        XN_ZLOG_NOTICE));
+}
+
 TEST_F(VslLinkTest, ReadinessTests) {
     chip_forward(1, 10);
     chip_forward(2, 30);

@@ -226,6 +226,11 @@ int dpm_proc_modid_add(const SIntf__EvtModAlloc *record) {
     }
     if (static_cast<uint32_t>(entry->devid) == g_mydevid) {
         DPM_ERR("my modid!");
+        // No balance for the own chips, but their ids belong in the filters
+        // whose device set holds the own device (the egress blocks): without
+        // this an own chip added after the calculation (a card inserted
+        // again) stayed out of them until an unrelated full calculation.
+        dpm_calc_filter_for_modid_add(entry);
         return DPM_OK;
     }
     dpm_uc_balance_for_modid_add(entry);

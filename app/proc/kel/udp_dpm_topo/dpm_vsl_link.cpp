@@ -339,8 +339,9 @@ static void dpm_proc_lvsl_up(const dpm_vsl_info *record) {
     dpm_vsl_port port = port_of(record);
     if (dpm_get_vsl_info(&dpm_vslap_cache, &port, other) != nullptr ||
         dpm_get_vsl_info(&dpm_vslap_unused_cache, &port, other) != nullptr) {
-        DPM_ERR("vsl port moves from apid %d to apid %d. dev:%d, slot:%d, sslot:%d, lport:%d",
-                other, record->apid, port.devid, port.slot, port.sslot, port.lport);
+        // A change of configuration, not a fault: notice, not error.
+        DPM_NOTICE("vsl port moves from apid %d to apid %d. dev:%d, slot:%d, sslot:%d, lport:%d",
+                   other, record->apid, port.devid, port.slot, port.sslot, port.lport);
         dpm_proc_lvsl_down(&port, other);
     }
     dpm_vsl_info *waiting = dpm_add_vsl_info(&dpm_vslap_unused_cache, record, record->apid);
