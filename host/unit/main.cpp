@@ -164,11 +164,16 @@ std::vector<unit::MemberInfo> members_of(const std::string &address, std::string
 void draw(const std::string &name, const std::vector<unit::MemberInfo> &infos,
           std::map<int, std::string> &states, const std::string &file, const std::string &what) {
     std::vector<host::MemberView> views;
-    std::string title = "unit " + name + (what.empty() ? "" : ", " + what) + ":";
+    std::string title = "unit " + name + (what.empty() ? "" : ", " + what);
     for (const auto &m : infos) {
         platform::db_view(m.id);
-        views.push_back(host::local_member_view(static_cast<uint32_t>(m.id)));
-        title += " member " + std::to_string(m.id) + " " + states[m.id] + ";";
+        host::MemberView v = host::local_member_view(static_cast<uint32_t>(m.id));
+        const std::string &state = states[m.id];
+        v.process = state == "running"       ? host::ProcessState::running
+                    : state == "stopped"     ? host::ProcessState::stopped
+                    : state == "unreachable" ? host::ProcessState::unreachable
+                                             : host::ProcessState::unknown;
+        views.push_back(std::move(v));
     }
     platform::db_view(0);
     std::filesystem::path path(file);

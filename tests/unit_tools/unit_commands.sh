@@ -26,7 +26,7 @@ grep -q "Ctrl-C stops it" "$dir/out" || fail "the unit did not come up"
 "$unit" check --dir "$dir/unit" >"$dir/check" || fail "check: $(cat "$dir/check")"
 grep -q "member 1 running; member 2 running; the check holds" "$dir/check" || fail "$(cat "$dir/check")"
 "$unit" picture "$dir/unit.dot" --dir "$dir/unit" >/dev/null
-grep -q "member 2 running" "$dir/unit.dot" || fail "the picture does not show the members"
+grep -q "member 2</b></font>  running, forward<" "$dir/unit.dot" || fail "the picture does not show member 2 running and forwarding"
 # The hardware side's confirmation of member 1's request on apid 1 vanishes.
 printf 'member 1\ndb del TOPO_DB u_cluster.mainmc_vlan_st { index { t_cfg_modid: 1 apid: 1 } }\n' \
   >"$dir/break.dpm"
