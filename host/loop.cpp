@@ -33,6 +33,9 @@ void Host::serve(const volatile sig_atomic_t &stop) {
     while (stop == 0) {
         settle();
         flush_module_stdout();
+        // No expectation reads a serving process's log lines: the log file
+        // has them, memory keeps none.
+        platform::take_log();
         platform::db_wait(100);
     }
     settle();

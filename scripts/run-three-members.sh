@@ -26,16 +26,20 @@ mkdir -p "$pictures"
 phase=0
 echo "pictures: $pictures"
 declare -A pids=()
+# Every process started here dies with this script (--pdeathsig), and the
+# traps end them also when it is stopped (ctest's timeout, Ctrl-C).
 cleanup() {
   for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
   for p in "${pids[@]}"; do wait "$p" 2>/dev/null || true; done
-  redis-cli -s "$sock" shutdown nosave >/dev/null 2>&1 || true
   [ -n "${KEEP:-}" ] || rm -rf "$dir"
 }
 trap cleanup EXIT
+trap 'exit 143' TERM INT
 
-redis-server --port 0 --unixsocket "$sock" --save '' --appendonly no --dir "$dir" \
-  --daemonize yes --pidfile "$dir/redis.pid" --logfile "$dir/redis.log"
+# The socket is the user's alone (0700, in a directory of its own).
+setpriv --pdeathsig KILL redis-server --port 0 --unixsocket "$sock" --unixsocketperm 700 --save '' \
+  --appendonly no --dir "$dir" --logfile "$dir/redis.log" &
+pids[server]=$!
 for _ in $(seq 200); do  # until it answers (at most 10 s)
   redis-cli -s "$sock" ping 2>/dev/null | grep -q PONG && break
   sleep 0.05
@@ -43,7 +47,7 @@ done
 redis-cli -s "$sock" ping | grep -q PONG
 
 start_member() {
-  "$host" --redis "unix:$sock" --member "$1" --log "$dir/member$1.log" --serve \
+  setpriv --pdeathsig KILL "$host" --redis "unix:$sock" --member "$1" --log "$dir/member$1.log" --serve \
     "$unit/ports.dpm" "$unit/member.dpm" >"$dir/member$1.out" 2>&1 &
   pids[m$1]=$!
 }
@@ -73,7 +77,7 @@ play() {
 # balance a member reaches depends on the order its events came in).
 play "1. the unit comes up" up.dpm
 for m in 1 2 3; do start_member "$m"; done
-"$host" --redis "unix:$sock" --serve "$unit/responder.dpm" >"$dir/responder.out" 2>&1 &
+setpriv --pdeathsig KILL "$host" --redis "unix:$sock" --serve "$unit/responder.dpm" >"$dir/responder.out" 2>&1 &
 pids[responder]=$!
 play "   every member has converged" check_up.dpm
 play "2. a link between members 1 and 2 fails" link_down.dpm

@@ -1,11 +1,24 @@
 # Private Redis server for the tests: ACTION=start|stop, DIR (holds redis.sock),
-# on a unix socket only, with no persistence. Start waits until it answers.
+# on a unix socket only (mode 0700, in the build tree), with no persistence.
+# Start first ends a server an interrupted run left behind (its pid file), then
+# waits until the new one answers.
 set(sock ${DIR}/redis.sock)
+set(pidfile ${DIR}/redis.pid)
+if(EXISTS ${pidfile})
+  file(READ ${pidfile} pid)
+  string(STRIP "${pid}" pid)
+  if(pid MATCHES "^[0-9]+$" AND EXISTS /proc/${pid}/comm)
+    file(READ /proc/${pid}/comm comm)
+    if(comm MATCHES "redis-server")
+      execute_process(COMMAND kill -9 ${pid})
+    endif()
+  endif()
+endif()
 if(ACTION STREQUAL "start")
   file(REMOVE_RECURSE ${DIR})
   file(MAKE_DIRECTORY ${DIR})
-  execute_process(COMMAND ${SERVER} --port 0 --unixsocket ${sock} --save "" --appendonly no
-                          --dir ${DIR} --daemonize yes --pidfile ${DIR}/redis.pid
+  execute_process(COMMAND ${SERVER} --port 0 --unixsocket ${sock} --unixsocketperm 700 --save ""
+                          --appendonly no --dir ${DIR} --daemonize yes --pidfile ${pidfile}
                           --logfile ${DIR}/redis.log RESULT_VARIABLE rc)
   if(NOT rc EQUAL 0)
     message(FATAL_ERROR "redis-server did not start (${rc})")
@@ -19,6 +32,5 @@ if(ACTION STREQUAL "start")
   endforeach()
   message(FATAL_ERROR "redis-server on ${sock} did not answer within 10 s")
 else()
-  execute_process(COMMAND ${CLI} -s ${sock} shutdown nosave OUTPUT_QUIET ERROR_QUIET)
   file(REMOVE_RECURSE ${DIR})
 endif()

@@ -6,8 +6,17 @@
 // record handed to a callback is unpacked with the subscriber's own descriptor
 // and freed again when the callback returns, as the real client owns it for
 // that long.
+//
+// Sessions that resume: while a session is away (disconnected), the events of
+// its subscriptions wait. When its reconnect callback (type 2) subscribes
+// again to the same database and type with the same handler, the subscription
+// goes on where it was: it delivers every write and deletion it missed, once,
+// in write order, then the data-sync request. A subscription the callback does
+// not make again is dropped with what it missed. Any other reconnect type
+// drops the session's subscriptions at once.
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <utility>
@@ -30,8 +39,19 @@ void queue_event(const ProtobufCMessageDescriptor *desc, xn_mom_event_cb_t cb, v
                 rec = protobuf_c_message_unpack(desc, nullptr, packed.size(),
                                                 reinterpret_cast<const uint8_t *>(packed.data()));
                 if (rec == nullptr) {
-                    std::fprintf(stderr, "xn_mom: %s record does not decode, event %d dropped\n",
-                                 desc->name, cmd);
+                    // Another process's bytes: logged, throttled (one line a second).
+                    static time_t last = 0;
+                    static unsigned long held = 0;
+                    if (time(nullptr) != last) {
+                        std::fprintf(stderr,
+                                     "xn_mom: %s record does not decode, event %d dropped (%lu "
+                                     "more since the last line)\n",
+                                     desc->name, cmd, held);
+                        last = time(nullptr);
+                        held = 0;
+                    } else {
+                        held++;
+                    }
                     return;
                 }
                 if (cmd == XN_MOM_CMD_HMSET) {
@@ -48,11 +68,29 @@ void queue_event(const ProtobufCMessageDescriptor *desc, xn_mom_event_cb_t cb, v
         sub_id, 0, front);
 }
 
-void notify(int db, const std::string &type, int cmd, const std::string &packed) {
-    for (const Subscription &sub : st().subs) {
-        if (sub.db != db || sub.type != type) continue;
-        queue_event(sub.desc, sub.cb, sub.client, cmd, 0, true, packed, sub.id);
+void deliver(Subscription &sub, int cmd, std::string packed, bool front) {
+    if (sub.away) {
+        sub.missed.emplace_back(cmd, std::move(packed));
+        return;
     }
+    queue_event(sub.desc, sub.cb, sub.client, cmd, 0, true, std::move(packed), sub.id, front);
+}
+
+void notify(int db, const std::string &type, int cmd, const std::string &packed) {
+    for (Subscription &sub : st().subs) {
+        if (sub.db == db && sub.type == type) deliver(sub, cmd, packed);
+    }
+}
+
+std::string hex(const std::string &s) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(s.size() * 2);
+    for (unsigned char c : s) {
+        out.push_back(digits[c >> 4]);
+        out.push_back(digits[c & 15]);
+    }
+    return out;
 }
 
 Store &store() {
@@ -91,14 +129,23 @@ int module_write(const char *op, platform::ModuleWrite::Op kind, void *client, i
     const std::string type = msg->descriptor->name;
     std::string packed = pack(msg);
     RecordKey k = key_of(msg);
-    st().module_writes.push_back(platform::ModuleWrite{kind, db, type, packed});
-    if (kind == platform::ModuleWrite::Del) {
-        store().del(st().module_member, db, type, k);
-    } else {
-        store().write(st().module_member, db, type, k, packed,
-                      kind == platform::ModuleWrite::HmSet);
+    if (st().keep_module_writes) {
+        st().module_writes.push_back(platform::ModuleWrite{kind, db, type, packed});
     }
-    return 0;
+    if (kind == platform::ModuleWrite::Del) return store().del(st().module_member, db, type, k);
+    return store().write(st().module_member, db, type, k, packed,
+                         kind == platform::ModuleWrite::HmSet);
+}
+
+// The away subscription that a resumed session's callback makes again.
+Subscription *resumable(int db, const std::string &type, xn_mom_event_cb_t cb, void *client) {
+    for (Subscription &sub : st().subs) {
+        if (sub.away && sub.db == db && sub.type == type && sub.cb == cb && sub.client == client &&
+            !st().sessions[db].down) {
+            return &sub;
+        }
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -154,15 +201,33 @@ int xn_mom_subscribe(void *client, int db, const ProtobufCMessage *tmpl, int fla
     if (auto rv = platform::fault("xn_mom_subscribe", db)) return *rv;
     if (tmpl == nullptr || tmpl->descriptor == nullptr || cb == nullptr) return -1;
     platform::State &s = st();
+    if (platform::Subscription *old = platform::resumable(db, tmpl->descriptor->name, cb, client)) {
+        // Everything written meanwhile first, so that what it missed is whole.
+        platform::store().catch_up();
+        old->away = false;
+        old->desc = tmpl->descriptor;
+        old->user = user;
+        for (auto &[cmd, packed] : std::exchange(old->missed, {})) {
+            platform::queue_event(old->desc, cb, client, cmd, 0, true, std::move(packed), old->id);
+        }
+        platform::queue_event(old->desc, cb, client, XN_MOM_CMD_DS, 0, false, {}, old->id);
+        return 0;
+    }
     platform::Subscription sub{s.next_id++, db,  tmpl->descriptor->name, tmpl->descriptor, cb,
                                client,      user};
+    sub.member = s.module_member;
     // Subscribing again to the same type with the same handler replaces the
-    // earlier subscription: a session that resubscribes (a resumed session, a
-    // repeated connect) must not get every later event twice.
+    // earlier subscription: a repeated connect must not get every later event
+    // twice.
     platform::drop_subs([&](const platform::Subscription &old) {
         return old.db == db && old.type == sub.type && old.cb == cb && old.client == client;
     });
-    platform::store().subscribe(s.module_member, sub);
+    if (!platform::store().subscribe(s.module_member, sub)) {
+        // Nothing half delivered: what the snapshot queued goes with it.
+        const uint64_t id = sub.id;
+        std::erase_if(s.queue, [id](const platform::QueueItem &item) { return item.sub_id == id; });
+        return -1;
+    }
     s.subs.push_back(std::move(sub));
     return 0;
 }
@@ -174,7 +239,10 @@ int xn_mom_scan(void *client, int db, const ProtobufCMessage *tmpl, int flags, x
     if (auto rv = platform::fault("xn_mom_scan", db)) return *rv;
     if (tmpl == nullptr || tmpl->descriptor == nullptr || cb == nullptr) return -1;
     const ProtobufCMessageDescriptor *desc = tmpl->descriptor;
-    for (const auto &e : platform::store().records(st().module_member, db, desc->name)) {
+    std::vector<platform::StoredEntry> records;
+    // A scan the store could not read whole is a failed call, never a short scan.
+    if (!platform::store().records(st().module_member, db, desc->name, &records)) return -1;
+    for (const auto &e : records) {
         platform::queue_event(desc, cb, client,
                               e.rec.field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET, 0, true,
                               e.rec.packed, 0);
@@ -250,8 +318,7 @@ namespace {
 int host_write(int db, const std::string &type, const std::string &packed, bool field_form) {
     platform::RecordKey k;
     if (!platform::key_of_packed(type, packed, &k)) return -1;
-    platform::store().write(st().view_member, db, type, k, packed, field_form);
-    return 0;
+    return platform::store().write(st().view_member, db, type, k, packed, field_form);
 }
 
 StoredRecord to_record(int db, const platform::StoredEntry &e) {
@@ -271,15 +338,14 @@ int db_hmset(int db, const std::string &type, const std::string &packed) {
 int db_del(int db, const std::string &type, const std::string &packed) {
     platform::RecordKey k;
     if (!platform::key_of_packed(type, packed, &k)) return -1;
-    platform::store().del(st().view_member, db, type, k);
-    return 0;
+    return platform::store().del(st().view_member, db, type, k);
 }
 
 std::vector<StoredRecord> db_records(int db, const std::string &type) {
     std::vector<StoredRecord> out;
-    for (const auto &e : platform::store().records(st().view_member, db, type)) {
-        out.push_back(to_record(db, e));
-    }
+    std::vector<platform::StoredEntry> records;
+    platform::store().records(st().view_member, db, type, &records);
+    for (const auto &e : records) out.push_back(to_record(db, e));
     return out;
 }
 
@@ -294,6 +360,9 @@ std::optional<StoredRecord> db_get(int db, const std::string &type, const std::s
 void db_disconnect(int db) {
     platform::Session &s = st().sessions[db];
     s.down = true;
+    for (platform::Subscription &sub : st().subs) {
+        sub.away = sub.away || (sub.db == db && sub.client == s.client);
+    }
     if (s.disconn_cb != nullptr) {
         xn_mom_disconn_cb_t cb = s.disconn_cb;
         platform::enqueue([cb] { cb(); });
@@ -302,24 +371,50 @@ void db_disconnect(int db) {
 
 void db_reconnect(int db, int type) {
     platform::State &state = st();
-    // The resumed session subscribes again: the old subscriptions and whatever
-    // they still had queued must not deliver a second time.
-    platform::drop_subs([db](const platform::Subscription &sub) { return sub.db == db; });
     platform::Session &s = state.sessions[db];
     s.down = false;
-    if (s.reconn_cb != nullptr) {
-        xn_mom_reconn_cb_t cb = s.reconn_cb;
-        void *client = s.client != nullptr ? s.client : host_handle();
-        platform::enqueue([cb, client, db, type] { cb(client, db, type); });
+    // A session that cannot be resumed loses its subscriptions now; a resumed
+    // one keeps those its reconnect callback makes again (see the top).
+    auto stale = [db](const platform::Subscription &sub) { return sub.db == db && sub.away; };
+    if (type != XN_MOM_RECONN_RESUME) {
+        platform::drop_subs([db](const platform::Subscription &sub) { return sub.db == db; });
     }
+    if (s.reconn_cb == nullptr) {
+        platform::drop_subs(stale);
+        return;
+    }
+    xn_mom_reconn_cb_t cb = s.reconn_cb;
+    void *client = s.client != nullptr ? s.client : host_handle();
+    platform::enqueue([cb, client, db, type, stale] {
+        cb(client, db, type);
+        platform::drop_subs(stale);
+    });
 }
 
-int db_use_redis(const std::string &address, std::string *error) {
-    std::unique_ptr<platform::Store> s = platform::make_redis_store(address, error);
+int db_use_redis(const RedisOptions &opt, std::string *error) {
+    std::unique_ptr<platform::Store> s = platform::make_redis_store(opt, error);
     if (!s) return -1;
     st().store = std::move(s);
     st().on_redis = true;
     return 0;
+}
+
+int db_use_redis(const std::string &address, std::string *error) {
+    RedisOptions opt;
+    opt.address = address;
+    return db_use_redis(opt, error);
+}
+
+int db_claim_member(int member, std::string *error) {
+    return platform::store().claim_member(member, error);
+}
+
+std::vector<std::string> db_finish(int wait_ms) {
+    return platform::store().finish(wait_ms);
+}
+
+std::string db_status() {
+    return platform::store().status();
 }
 
 bool db_on_redis() {
@@ -363,7 +458,11 @@ void db_watch(int member, int db, const std::string &type, WatchFn fn) {
     s.watches.push_back(std::move(fn));
     platform::Subscription sub{s.next_id++,       db,     type, desc, watch_event,
                                &s.watches.back(), nullptr};
-    platform::store().subscribe(member, sub);
+    sub.member = member;
+    if (!platform::store().subscribe(member, sub)) {
+        std::fprintf(stderr, "xn_mom: cannot watch %s in db %d\n", type.c_str(), db);
+        return;
+    }
     s.subs.push_back(std::move(sub));
 }
 
@@ -395,6 +494,11 @@ const std::vector<ModuleWrite> &module_writes() {
 
 void clear_module_writes() {
     st().module_writes.clear();
+}
+
+void keep_module_writes(bool on) {
+    st().keep_module_writes = on;
+    if (!on) st().module_writes.clear();
 }
 
 }  // namespace platform
