@@ -31,7 +31,7 @@ struct Options {
     std::string redis_password_file;
     int redis_timeout_ms = 5000;
     long redis_stream_max = 100000;
-    int member = 0;        // a member of a unit sharing the server (0: a lone switch)
+    int member = 0;  // a member of a unit sharing the server (0: a lone switch)
     // After every command, ask the module's built-in consistency oracle (the
     // test-only build of the module exports one) and fail on a difference.
     bool oracle = false;

@@ -135,13 +135,15 @@ int main(int argc, char **argv) {
                 opt.redis_timeout_ms = 0;
             }
             if (opt.redis_timeout_ms < 1 || opt.redis_timeout_ms > 3600000) {
-                std::cerr << "dpm-host: --redis-timeout takes a duration of 1ms..1h (e.g. 500ms, 5s)\n";
+                std::cerr
+                    << "dpm-host: --redis-timeout takes a duration of 1ms..1h (e.g. 500ms, 5s)\n";
                 return kScriptError;
             }
         } else if (a == "--redis-stream-max" || a.rfind("--redis-stream-max=", 0) == 0) {
             opt.redis_stream_max = std::strtol(value("--redis-stream-max").c_str(), nullptr, 10);
             if (opt.redis_stream_max < 100) {
-                std::cerr << "dpm-host: --redis-stream-max takes a number of events, at least 100\n";
+                std::cerr
+                    << "dpm-host: --redis-stream-max takes a number of events, at least 100\n";
                 return kScriptError;
             }
         } else if (a == "--member" || a.rfind("--member=", 0) == 0) {

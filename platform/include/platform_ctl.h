@@ -81,8 +81,8 @@ struct RedisOptions {
     // Where the password is when the address has none: the first line of this
     // file, else the environment variable DPM_REDIS_PASSWORD.
     std::string password_file;
-    int timeout_ms = 5000;      // the longest wait for one reply of the server
-    long stream_max = 100000;   // about how many events the server keeps
+    int timeout_ms = 5000;     // the longest wait for one reply of the server
+    long stream_max = 100000;  // about how many events the server keeps
 };
 int db_use_redis(const RedisOptions &opt, std::string *error);
 int db_use_redis(const std::string &address, std::string *error);

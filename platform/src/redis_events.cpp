@@ -59,9 +59,9 @@ bool RedisStore::read_events(const std::string &upto, int wait_ms, bool front) {
         link_.select(kEventDb);
         const std::string chunk = std::to_string(kChunk);
         std::vector<std::string> cmd =
-            upto.empty()
-                ? std::vector<std::string>{"XREAD", "COUNT", chunk}
-                : std::vector<std::string>{"XRANGE", "_events", "(" + read_.id, upto, "COUNT", chunk};
+            upto.empty() ? std::vector<std::string>{"XREAD", "COUNT", chunk}
+                         : std::vector<std::string>{"XRANGE", "_events", "(" + read_.id,
+                                                    upto,     "COUNT",   chunk};
         if (upto.empty()) {
             if (wait_ms > 0) cmd.insert(cmd.end(), {"BLOCK", std::to_string(wait_ms)});
             cmd.insert(cmd.end(), {"STREAMS", "_events", read_.id});
@@ -106,8 +106,8 @@ bool RedisStore::take_entry(const redisReply *e, bool front) {
     }
     uint64_t n = 0;
     if (!parse_u64(f["n"], &n)) {
-        log_throttled("entry", "xn_mom: entry " + read_.id +
-                                   " of _events is not an event of ours: skipped");
+        log_throttled("entry",
+                      "xn_mom: entry " + read_.id + " of _events is not an event of ours: skipped");
         return false;
     }
     if (n != read_.n + 1) {
@@ -133,13 +133,14 @@ void RedisStore::route(const std::map<std::string, std::string> &f, uint64_t n, 
     if (!parse_u64(field("db"), &db) || db > 15 || !parse_u64(field("cmd"), &cmd) ||
         (cmd != XN_MOM_CMD_SET && cmd != XN_MOM_CMD_DEL && cmd != XN_MOM_CMD_HMSET) ||
         f.count("packed") == 0) {
-        log_throttled("entry", "xn_mom: entry " + read_.id +
-                                   " of _events is not an event of ours: skipped");
+        log_throttled("entry",
+                      "xn_mom: entry " + read_.id + " of _events is not an event of ours: skipped");
         return;
     }
     const std::string type = field("type"), key = field("key");
     for (Subscription &sub : st().subs) {
-        if (sub.db != static_cast<int>(db) || prefix(sub.member, sub.db) + sub.type != type) continue;
+        if (sub.db != static_cast<int>(db) || prefix(sub.member, sub.db) + sub.type != type)
+            continue;
         auto skip = skips_.find(sub.id);
         if (skip != skips_.end() && covered(skip->second, key, n)) continue;
         deliver(sub, static_cast<int>(cmd), field("packed"), front);

@@ -86,8 +86,9 @@ bool parse_address(const std::string &text, const std::string &password_file, Ad
                    std::string *error) {
     *out = Address{};
     if (text.rfind("rediss://", 0) == 0) {
-        *error = "rediss:// (TLS) is not supported: Debian 12's hiredis (0.14) is built without "
-                 "TLS; use a unix socket, or a TLS tunnel to a local port";
+        *error =
+            "rediss:// (TLS) is not supported: Debian 12's hiredis (0.14) is built without "
+            "TLS; use a unix socket, or a TLS tunnel to a local port";
         return false;
     }
     if (text.rfind("unix://", 0) == 0 || text.rfind("unix:", 0) == 0) {
@@ -208,7 +209,8 @@ bool Link::open(std::string *error) {
     }
     Reply db = call({"SELECT", "15"});
     if (!check("SELECT 15", db, error)) {
-        *error += ": the client needs databases 0..15 (start the server with --databases 16 or more)";
+        *error +=
+            ": the client needs databases 0..15 (start the server with --databases 16 or more)";
         return false;
     }
     selected_ = 15;
@@ -217,9 +219,8 @@ bool Link::open(std::string *error) {
 
 bool Link::load_scripts(std::string *error) {
     static const char *const text[kScripts] = {
-        lua::write,        lua::del,      lua::bracket_begin, lua::bracket_end,
-        lua::bracket_drop, lua::unit,     lua::snapshot,      lua::position,
-        lua::unit_state,   lua::lease};
+        lua::write, lua::del,      lua::bracket_begin, lua::bracket_end, lua::bracket_drop,
+        lua::unit,  lua::snapshot, lua::position,      lua::unit_state,  lua::lease};
     for (int i = 0; i < kScripts; i++) {
         // The shebang line first, then what every script shares.
         std::string body = text[i];

@@ -66,15 +66,16 @@ bool RedisStore::read_type(int member, int db, const std::string &type, const Ta
         }
         if (last.empty()) break;
         if (from == "-") {
-            std::fprintf(stderr, "xn_mom: %s in db %d has more than %s key-set entries: read in chunks\n",
+            std::fprintf(stderr,
+                         "xn_mom: %s in db %d has more than %s key-set entries: read in chunks\n",
                          type.c_str(), db, kChunk);
         }
         from = "(" + last;
     }
     if (junk > 0) {
-        log_throttled("junk " + names_.keys,
-                      "xn_mom: " + std::to_string(junk) + " entries of " + names_.keys +
-                          " in db " + std::to_string(db) + " name no record of ours: skipped");
+        log_throttled("junk " + names_.keys, "xn_mom: " + std::to_string(junk) + " entries of " +
+                                                 names_.keys + " in db " + std::to_string(db) +
+                                                 " name no record of ours: skipped");
     }
     return true;
 }
@@ -83,13 +84,14 @@ bool RedisStore::subscribe(int member, Subscription &sub) {
     ensure_started();
     Skip skip;
     const std::string what = sub.type + " in db " + std::to_string(sub.db);
-    bool ok = started_ && read_type(member, sub.db, sub.type,
-                                    [&](const std::string &packed, bool field_form) {
-                                        queue_event(sub.desc, sub.cb, sub.client,
-                                                    field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET,
-                                                    0, true, packed, sub.id);
-                                    },
-                                    &skip);
+    bool ok = started_ && read_type(
+                              member, sub.db, sub.type,
+                              [&](const std::string &packed, bool field_form) {
+                                  queue_event(sub.desc, sub.cb, sub.client,
+                                              field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET, 0,
+                                              true, packed, sub.id);
+                              },
+                              &skip);
     if (!ok) {
         // Not left without it: the session is taken down and resumed, and the
         // subscription made again.
@@ -132,19 +134,19 @@ bool RedisStore::records(int member, int db, const std::string &type,
                                            " names an unknown record type " + t + ": skipped");
             continue;
         }
-        bool ok = read_type(member, db, t,
-                            [&](const std::string &packed, bool field_form) {
-                                RecordKey k;
-                                if (!key_of_packed(t, packed, &k)) {
-                                    log_throttled("decode " + t,
-                                                  "xn_mom: a stored " + t +
-                                                      " record does not decode: skipped");
-                                    return;
-                                }
-                                out->push_back(StoredEntry{StoreKey{t, k.order, k.key},
-                                                           Stored{packed, field_form}});
-                            },
-                            nullptr);
+        bool ok = read_type(
+            member, db, t,
+            [&](const std::string &packed, bool field_form) {
+                RecordKey k;
+                if (!key_of_packed(t, packed, &k)) {
+                    log_throttled("decode " + t,
+                                  "xn_mom: a stored " + t + " record does not decode: skipped");
+                    return;
+                }
+                out->push_back(
+                    StoredEntry{StoreKey{t, k.order, k.key}, Stored{packed, field_form}});
+            },
+            nullptr);
         if (!ok) {
             out->clear();
             return false;

@@ -33,7 +33,8 @@ bool parse_port(const std::string &s, Port *out) {
     size_t at = 0;
     for (int i = 0; i < 3; i++) {
         size_t end = i < 2 ? s.find('/', at) : s.size();
-        if (end == std::string::npos || !parse_int(s.substr(at, end - at), INT32_MIN, INT32_MAX, &v[i])) {
+        if (end == std::string::npos ||
+            !parse_int(s.substr(at, end - at), INT32_MIN, INT32_MAX, &v[i])) {
             return false;
         }
         at = end + 1;
@@ -103,7 +104,8 @@ bool RedisStore::take_unit(const std::map<std::string, std::string> &f) {
         if (ok) card_here(kind == "card_add", static_cast<uint32_t>(gslot));
     } else if (kind == "card_online" || kind == "card_offline") {
         ok = parse_port(data, &p);
-        if (ok) card_online_here(std::get<0>(p), std::get<1>(p), std::get<2>(p), kind == "card_online");
+        if (ok)
+            card_online_here(std::get<0>(p), std::get<1>(p), std::get<2>(p), kind == "card_online");
     } else if (kind == "agent_set" || kind == "agent_del") {
         ok = agent_here(kind == "agent_set", field("type"), data) == 0;
     } else if (kind == "chip" || kind == "phy") {
@@ -151,7 +153,10 @@ bool RedisStore::load_unit() {
             ok = parse_port(rest, &p);
             if (ok) offline.insert(p);
         } else if (what == "chip" || what == "phy") {
-            ok = parse_lookup(rest + " " + v, &p, &value);
+            std::string line = rest;
+            line += " ";
+            line += v;
+            ok = parse_lookup(line, &p, &value);
             if (ok) (what == "chip" ? st().chipids : st().phyids)[p] = value;
         } else if (what == "agent") {
             // agent:MEMBER:TYPE:HEXKEY = N:set:PACKED or N:del:
@@ -171,23 +176,28 @@ bool RedisStore::load_unit() {
         } else {
             ok = false;
         }
-        if (!ok) log_throttled("unit state", "xn_mom: _unit field " + f + " does not parse: skipped");
+        if (!ok)
+            log_throttled("unit state", "xn_mom: _unit field " + f + " does not parse: skipped");
     }
     // Bring this process's unit in line: what it has and the server has not
     // goes, what the server has and it has not comes (announced as usual).
     std::sort(cards.begin(), cards.end());
     std::vector<uint32_t> want;
+    want.reserve(cards.size());
     for (const auto &[n, g] : cards) want.push_back(g);
     for (uint32_t g : std::vector<uint32_t>(st().cards)) {
         if (std::find(want.begin(), want.end(), g) == want.end()) card_here(false, g);
     }
     for (uint32_t g : want) {
-        if (std::find(st().cards.begin(), st().cards.end(), g) == st().cards.end()) card_here(true, g);
+        if (std::find(st().cards.begin(), st().cards.end(), g) == st().cards.end())
+            card_here(true, g);
     }
     for (const Port &q : std::set<Port>(st().offline_cards)) {
-        if (offline.count(q) == 0) card_online_here(std::get<0>(q), std::get<1>(q), std::get<2>(q), true);
+        if (offline.count(q) == 0)
+            card_online_here(std::get<0>(q), std::get<1>(q), std::get<2>(q), true);
     }
-    for (const Port &q : offline) card_online_here(std::get<0>(q), std::get<1>(q), std::get<2>(q), false);
+    for (const Port &q : offline)
+        card_online_here(std::get<0>(q), std::get<1>(q), std::get<2>(q), false);
     std::set<std::string> kept;
     for (const auto &[key, rec] : agent) {
         const auto &[n, set, type, packed] = rec;
@@ -201,7 +211,8 @@ bool RedisStore::load_unit() {
                           tit->second.at(StoreKey{type, k.order, k.key}) == packed;
         if (!same) agent_here(true, type, packed);
     }
-    for (const auto &[type, recs] : std::map<std::string, std::map<StoreKey, std::string>>(st().agent_records)) {
+    for (const auto &[type, recs] :
+         std::map<std::string, std::map<StoreKey, std::string>>(st().agent_records)) {
         for (const auto &[k, packed] : recs) {
             if (kept.count(type + ":" + hex(k.key)) == 0) agent_here(false, type, packed);
         }
@@ -247,13 +258,13 @@ int RedisStore::claim_member(int member, std::string *error) {
     // -2 from here on: another process holds it.
     const std::string holder = str(r->element[0]);
     if (holder != origin_) {
-        *error = holder.empty() ? key + " holds something else than a lease"
-                                : "member " + std::to_string(member) +
-                                      " is served by another process (origin " + holder +
-                                      "; its lease " + key + " runs " +
-                                      std::to_string(r->element[1]->integer) +
-                                      " ms more and is renewed while it lives: one that died "
-                                      "frees it within that time)";
+        *error = holder.empty()
+                     ? key + " holds something else than a lease"
+                     : "member " + std::to_string(member) +
+                           " is served by another process (origin " + holder + "; its lease " +
+                           key + " runs " + std::to_string(r->element[1]->integer) +
+                           " ms more and is renewed while it lives: one that died "
+                           "frees it within that time)";
         return -2;
     }
     lease_member_ = member;

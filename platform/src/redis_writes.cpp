@@ -134,7 +134,8 @@ void RedisStore::pump() {
             continue;
         }
         if (op.seq == 0) op.seq = next_seq_++;
-        std::vector<std::string> cmd{"EVALSHA", link_.sha(op.script), std::to_string(op.keys.size())};
+        std::vector<std::string> cmd{"EVALSHA", link_.sha(op.script),
+                                     std::to_string(op.keys.size())};
         cmd.insert(cmd.end(), op.keys.begin(), op.keys.end());
         cmd.push_back(std::to_string(op.db));
         cmd.push_back(origin_);
@@ -173,8 +174,9 @@ void RedisStore::drain() {
         reload_scripts_ = false;
         std::string error;
         if (link_.load_scripts(&error)) {
-            log_throttled("noscript", "xn_mom: the server lost our scripts (NOSCRIPT): scripts "
-                                      "loaded again, the changes sent again");
+            log_throttled("noscript",
+                          "xn_mom: the server lost our scripts (NOSCRIPT): scripts "
+                          "loaded again, the changes sent again");
         } else {
             refused("NOSCRIPT");
         }
@@ -268,8 +270,9 @@ std::vector<std::string> RedisStore::finish(int wait_ms) {
         for (const Op &op : *q) lost.push_back("not acknowledged: " + op.what);
     }
     if (dropped_ > 0) {
-        lost.push_back(std::to_string(dropped_) + " changes dropped while the server did not "
-                                                  "take them");
+        lost.push_back(std::to_string(dropped_) +
+                       " changes dropped while the server did not "
+                       "take them");
     }
     if (lost.empty() && link_.up()) {
         renew_lease(false);
@@ -290,8 +293,8 @@ std::string RedisStore::status() {
                     (link_.up() ? "" : ", connection lost (" + link_.why_closed() + ")") + "\n";
     s += "changes: " + std::to_string(acknowledged_) + " acknowledged, " +
          std::to_string(unsent_.size()) + " waiting, " + std::to_string(inflight_.size()) +
-         " in flight, " + std::to_string(parked_.size()) + " parked, " +
-         std::to_string(dropped_) + " dropped\n";
+         " in flight, " + std::to_string(parked_.size()) + " parked, " + std::to_string(dropped_) +
+         " dropped\n";
     s += "refused:";
     for (const auto &[cause, count] : refusals_) s += " " + cause + " " + std::to_string(count);
     s += refusals_.empty() ? " none\n" : "\n";

@@ -179,8 +179,8 @@ void flush_dbs() {
         for (const auto &[db, records] : st().dbs) {
             for (const auto &[k, rec] : records) {
                 out << db << ' ' << k.type << ' ' << (rec.field_form ? 1 : 0) << ' '
-                    << hex_token(k.key) << ' ' << hex_token(k.order) << ' '
-                    << hex_token(rec.packed) << '\n';
+                    << hex_token(k.key) << ' ' << hex_token(k.order) << ' ' << hex_token(rec.packed)
+                    << '\n';
             }
         }
         if (!out.flush()) {

@@ -87,9 +87,10 @@ void RedisStore::bracket_begin(int member, int db, const std::string &type) {
 void RedisStore::bracket_end(int member, int db, const std::string &type) {
     const Names n = names(member, db, type, RecordKey{});
     const std::string scope = std::to_string(db) + " " + n.base;
-    Op op = change(kBracketEnd, db, {n.bracket, n.keys, n.age},
-                   {"", n.base, std::to_string(opt_.stream_max), n.base, kBracketChunk}, scope,
-                   scope, "close the data-sync bracket of " + n.base + " in db " + std::to_string(db));
+    Op op =
+        change(kBracketEnd, db, {n.bracket, n.keys, n.age},
+               {"", n.base, std::to_string(opt_.stream_max), n.base, kBracketChunk}, scope, scope,
+               "close the data-sync bracket of " + n.base + " in db " + std::to_string(db));
     op.placeholder = watched(member, db, n.base);
     submit(std::move(op));
     brackets_.erase({member, db, type});
@@ -182,7 +183,8 @@ bool RedisStore::reconnect(int wait_ms) {
     const auto now = Clock::now();
     auto pause = [&](Clock::duration d) {
         if (wait_ms > 0) {
-            std::this_thread::sleep_for(std::min<Clock::duration>(d, std::chrono::milliseconds(wait_ms)));
+            std::this_thread::sleep_for(
+                std::min<Clock::duration>(d, std::chrono::milliseconds(wait_ms)));
         }
     };
     if (now < next_attempt_) {
@@ -219,7 +221,8 @@ bool RedisStore::reconnect(int wait_ms) {
         cannot_resume(why);
         return true;
     }
-    for (int db : std::exchange(lost_sessions_, {})) platform::db_reconnect(db, XN_MOM_RECONN_RESUME);
+    for (int db : std::exchange(lost_sessions_, {}))
+        platform::db_reconnect(db, XN_MOM_RECONN_RESUME);
     return true;
 }
 
@@ -278,8 +281,8 @@ std::unique_ptr<Store> make_redis_store(const RedisOptions &opt, std::string *er
     // A process that ends from inside a callback (the module's exit 77) still
     // sends what it wrote, as far as the server takes it within the timeout.
     static const bool at_exit = std::atexit([] {
-        if (st().on_redis && st().store) st().store->finish(0);
-    }) == 0;
+                                    if (st().on_redis && st().store) st().store->finish(0);
+                                }) == 0;
     (void)at_exit;
     return s;
 }

@@ -113,8 +113,7 @@ class RedisStore final : public Store {
 
     // ---- snapshots (redis_snapshot.cpp)
     using TakeRecord = std::function<void(const std::string &packed, bool field_form)>;
-    bool read_type(int member, int db, const std::string &type, const TakeRecord &take,
-                   Skip *skip);
+    bool read_type(int member, int db, const std::string &type, const TakeRecord &take, Skip *skip);
 
     // ---- the unit (redis_unit.cpp)
     bool load_unit();

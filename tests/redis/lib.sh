@@ -56,20 +56,23 @@ play() {
   "$host" --redis "unix:$sock" ${HOST_ARGS:-} "$dir/play.dpm" >"$dir/play.out" 2>&1 ||
     fail "play $*"
 }
-# member N [OPTION...]: member N serving (pid in member_pid) once it holds its lease
+# member N [OPTION...]: member N (pid in member_pid, output in memberN.out)
+# started, once it holds its lease
 member() {
   local n=$1
   shift
   setpriv --pdeathsig KILL "$host" --redis "unix:$sock" ${HOST_ARGS:-} "$@" --member "$n" \
-    --log "$dir/module$n.log" --serve "$unit/ports.dpm" "$unit/member.dpm" >>"$dir/member$n.out" 2>&1 &
+    --log "$dir/module$n.log" --serve "$unit/ports.dpm" "$unit/member.dpm" >"$dir/member$n.out" 2>&1 &
   member_pid=$!
   children+=("$member_pid")
   until_true "[ -n \"\$(cli -n 15 get _member:$n)\" ] || ! kill -0 $member_pid"
 }
 origin() { cli -n 15 get "_member:$1"; }
-# settled N [SECONDS]: member N has taken in every event so far and answered it
+# settled N [SECONDS]: member N serves, has taken in every event so far and
+# answered it
 settled() {
-  until_true "o=\$(origin $1); [ -n \"\$o\" ] && [ \"\$(cli -n 15 hget _readers \$o)\" = \"\$(cli -n 15 get _events:n)\" ]" "${2:-10}"
+  until_true "grep -q '^serving' '$dir/member$1.out' && o=\$(origin $1) && [ -n \"\$o\" ] &&
+    [ \"\$(cli -n 15 hget _readers \$o)\" = \"\$(cli -n 15 get _events:n)\" ]" "${2:-10}"
 }
 # topo N: member N's TOPO_DB, a record a line, as people read it
 topo() {

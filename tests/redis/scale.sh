@@ -29,7 +29,6 @@ grep -q "2000000 entries of _keys:s_intf.evt_mod_alloc in db 0 name no record of
 
 kill -TERM "$member_pid"
 wait "$member_pid" || fail "member 1 did not end cleanly"
-: >"$dir/member1.out"
 member 1 --redis-timeout 300ms
 for try in 1 2 3; do
   until_true "[ \$(lines 'read in chunks') -ge $try ]" 60
