@@ -39,6 +39,8 @@ void Host::serve(const volatile sig_atomic_t &stop) {
         platform::db_wait(100);
     }
     settle();
+    // With --oracle, the end of serving is a check too: TOPO_DB against the caches.
+    check_oracle();
 }
 
 }  // namespace host

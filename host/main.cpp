@@ -202,6 +202,9 @@ int main(int argc, char **argv) {
             }
             return kNotAcknowledged;
         }
+    } catch (const host::ExpectFailure &e) {
+        std::cerr << "dpm-host: " << e.what() << std::endl;
+        return kFailed;
     } catch (const std::exception &e) {
         std::cerr << "dpm-host: " << e.what() << std::endl;
         return kScriptError;

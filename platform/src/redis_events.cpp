@@ -23,6 +23,9 @@ namespace platform::redis {
 namespace {
 
 constexpr int kChunk = 1000;
+// Chunks read at one go: a process far behind queues at most this many
+// thousand events before it runs them (and reads on at the next poll).
+constexpr int kRounds = 10;
 
 bool parse_u64(const std::string &s, uint64_t *out) {
     if (s.empty() || s.size() > 19 || s.find_first_not_of("0123456789") != std::string::npos) {
@@ -53,7 +56,7 @@ bool RedisStore::read_events(const std::string &upto, int wait_ms, bool front) {
     const uint64_t resets = resets_;
     // A blocking read must end well within the round-trip timeout.
     wait_ms = std::min(wait_ms, link_.timeout_ms() / 2);
-    for (int round = 0; started_ && link_.up() && round < 100; ++round) {
+    for (int round = 0; started_ && link_.up() && round < kRounds; ++round) {
         drain();
         if (!link_.up()) break;
         link_.select(kEventDb);

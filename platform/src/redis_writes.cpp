@@ -209,6 +209,18 @@ void RedisStore::take_reply(Op op, const redisReply *r, std::vector<Op> *again) 
         return;
     }
     acknowledged_++;
+    if (op.scope != op.type_scope && parked_scopes_.count(op.scope) != 0) {
+        // A later change of the same record went through (it was on its way
+        // when the earlier one was parked): the earlier one is superseded.
+        std::erase_if(parked_, [&](const Op &p) {
+            if (p.scope != op.scope || p.id > op.id) return false;
+            if (--parked_scopes_[p.scope] == 0) parked_scopes_.erase(p.scope);
+            if (--parked_scopes_["type " + p.type_scope] == 0) {
+                parked_scopes_.erase("type " + p.type_scope);
+            }
+            return true;
+        });
+    }
     if (!refusing_.empty()) {
         std::fprintf(stderr, "xn_mom: %s takes changes again (%s refused %llu in all)\n",
                      link_.address().shown.c_str(), refusing_.c_str(),
