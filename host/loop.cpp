@@ -31,11 +31,13 @@ void Host::serve(const volatile sig_atomic_t &stop) {
     // Nothing can arrive from outside the embedded store: wait for the signal.
     while (!platform::db_on_redis() && stop == 0) pause();
     while (stop == 0) {
-        settle();
-        flush_module_stdout();
         // No expectation reads a serving process's log lines: the log file
-        // has them, memory keeps none.
+        // has them, and memory keeps at most a thousand callbacks' worth.
+        for (size_t n = 1; platform::run_one(); ++n) {
+            if (n % 1000 == 0) platform::take_log();
+        }
         platform::take_log();
+        flush_module_stdout();
         platform::db_wait(100);
     }
     settle();
