@@ -50,81 +50,108 @@ void RedisStore::ensure_started() {
     if (load_unit()) started_ = true;
 }
 
-bool RedisStore::read_events(const std::string &upto, int wait_ms, bool front) {
+bool RedisStore::read_events(uint64_t upto, int wait_ms, bool front) {
     ensure_started();
-    bool any = false;
     const uint64_t resets = resets_;
+    const uint64_t last = upto == 0 ? UINT64_MAX : upto;
+    bool any = take(last, front);
     // A blocking read must end well within the round-trip timeout.
     wait_ms = std::min(wait_ms, link_.timeout_ms() / 2);
-    for (int round = 0; started_ && link_.up() && round < kRounds; ++round) {
-        drain();
-        if (!link_.up()) break;
-        link_.select(kEventDb);
-        const std::string chunk = std::to_string(kChunk);
-        std::vector<std::string> cmd =
-            upto.empty() ? std::vector<std::string>{"XREAD", "COUNT", chunk}
-                         : std::vector<std::string>{"XRANGE", "_events", "(" + read_.id,
-                                                    upto,     "COUNT",   chunk};
-        if (upto.empty()) {
-            if (wait_ms > 0) cmd.insert(cmd.end(), {"BLOCK", std::to_string(wait_ms)});
-            cmd.insert(cmd.end(), {"STREAMS", "_events", read_.id});
-        }
-        Reply r = call(cmd);
-        if (!r) break;
-        if (is_error(r.get())) {
-            log_throttled("read", "xn_mom: cannot read the event stream _events: " + str(r.get()));
-            // Not deaf for good and not spinning: try again at the next poll.
-            if (wait_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(wait_ms));
-            break;
-        }
+    for (int round = 0; started_ && link_.up() && (upto != 0 || round < kRounds); ++round) {
+        if (upto != 0 && fetched_.n >= upto) break;
+        const int got = fetch(wait_ms);
         wait_ms = 0;
-        const redisReply *entries = r.get();
-        if (upto.empty()) {
-            if (r->type != REDIS_REPLY_ARRAY || r->elements == 0 ||
-                r->element[0]->type != REDIS_REPLY_ARRAY || r->element[0]->elements != 2) {
-                break;
-            }
-            entries = r->element[0]->element[1];
-        }
-        if (entries->type != REDIS_REPLY_ARRAY) break;
-        for (size_t i = 0; i < entries->elements; i++) {
-            any |= take_entry(entries->element[i], front);
-            if (resets_ != resets) return any;  // a gap: the position was set anew
-        }
-        if (entries->elements < static_cast<size_t>(kChunk)) break;
+        if (resets_ != resets) return any;  // a gap: the position was set anew
+        any |= take(last, front);
+        if (got < kChunk) break;
     }
     return any;
 }
 
-bool RedisStore::take_entry(const redisReply *e, bool front) {
-    if (e->type != REDIS_REPLY_ARRAY || e->elements != 2 ||
-        e->element[0]->type != REDIS_REPLY_STRING) {
-        return false;
+int RedisStore::fetch(int wait_ms) {
+    drain();
+    if (!link_.up()) return -1;
+    link_.select(kEventDb);
+    std::vector<std::string> cmd{"XREAD", "COUNT", std::to_string(kChunk)};
+    if (wait_ms > 0) cmd.insert(cmd.end(), {"BLOCK", std::to_string(wait_ms)});
+    cmd.insert(cmd.end(), {"STREAMS", "_events", fetched_.id});
+    Reply r = call(cmd);
+    if (!r) return -1;
+    if (is_error(r.get())) {
+        log_throttled("read", "xn_mom: cannot read the event stream _events: " + str(r.get()));
+        // Not deaf for good and not spinning: try again at the next poll.
+        if (wait_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(wait_ms));
+        return -1;
     }
-    read_.id = str(e->element[0]);
-    std::map<std::string, std::string> f;
-    const redisReply *kv = e->element[1];
-    for (size_t j = 0; kv->type == REDIS_REPLY_ARRAY && j + 1 < kv->elements; j += 2) {
-        f[str(kv->element[j])] = str(kv->element[j + 1]);
+    if (r->type != REDIS_REPLY_ARRAY || r->elements == 0 ||
+        r->element[0]->type != REDIS_REPLY_ARRAY || r->element[0]->elements != 2 ||
+        r->element[0]->element[1]->type != REDIS_REPLY_ARRAY) {
+        return 0;
     }
-    uint64_t n = 0;
-    if (!parse_u64(f["n"], &n)) {
-        log_throttled("entry",
-                      "xn_mom: entry " + read_.id + " of _events is not an event of ours: skipped");
-        return false;
+    const redisReply *entries = r->element[0]->element[1];
+    for (size_t i = 0; i < entries->elements; i++) {
+        const redisReply *e = entries->element[i];
+        if (e->type != REDIS_REPLY_ARRAY || e->elements != 2 ||
+            e->element[0]->type != REDIS_REPLY_STRING) {
+            continue;
+        }
+        Ahead a;
+        a.id = fetched_.id = str(e->element[0]);
+        const redisReply *kv = e->element[1];
+        for (size_t j = 0; kv->type == REDIS_REPLY_ARRAY && j + 1 < kv->elements; j += 2) {
+            a.f[str(kv->element[j])] = str(kv->element[j + 1]);
+        }
+        if (!parse_u64(a.f["n"], &a.n)) {
+            log_throttled("entry",
+                          "xn_mom: entry " + a.id + " of _events is not an event of ours: skipped");
+            continue;
+        }
+        if (a.n != fetched_.n + 1) {
+            gap("the event stream went from ordinal " + std::to_string(fetched_.n) + " to " +
+                std::to_string(a.n) +
+                " (entries trimmed or removed before this process read them)");
+            return -1;
+        }
+        fetched_.n = a.n;
+        // Kept until its turn only what someone here takes in: another
+        // process's unit changes, and events of a type a subscription watches
+        // (one made later starts from a snapshot that holds this event).
+        const bool unit = a.f.count("kind") != 0;
+        if (unit ? a.f["origin"] != origin_ : watched_type(a.f)) ahead_.push_back(std::move(a));
     }
-    if (n != read_.n + 1) {
-        gap("the event stream went from ordinal " + std::to_string(read_.n) + " to " +
-            std::to_string(n) + " (entries trimmed or removed before this process read them)");
-        return false;
+    return static_cast<int>(entries->elements);
+}
+
+bool RedisStore::take(uint64_t upto, bool front) {
+    bool any = false;
+    while (!ahead_.empty() && ahead_.front().n <= upto) {
+        Ahead a = std::move(ahead_.front());
+        ahead_.pop_front();
+        read_ = Pos{a.id, a.n};
+        for (auto it = skips_.begin(); it != skips_.end();) {
+            it = it->second.upto <= a.n ? skips_.erase(it) : std::next(it);
+        }
+        if (a.f.count("kind") != 0) {
+            any |= take_unit(a.f);
+        } else {
+            route(a.f, a.n, front);
+            any = true;
+        }
     }
-    read_.n = n;
-    for (auto it = skips_.begin(); it != skips_.end();) {
-        it = it->second.upto <= n ? skips_.erase(it) : std::next(it);
+    if (ahead_.empty() && read_.n < fetched_.n && fetched_.n <= upto) read_ = fetched_;
+    return any;
+}
+
+bool RedisStore::watched_type(const std::map<std::string, std::string> &f) const {
+    auto db = f.find("db"), type = f.find("type");
+    if (db == f.end() || type == f.end()) return true;  // route() tells what is wrong
+    for (const Subscription &sub : st().subs) {
+        if (std::to_string(sub.db) == db->second &&
+            prefix(sub.member, sub.db) + sub.type == type->second) {
+            return true;
+        }
     }
-    if (f.count("kind") != 0) return f["origin"] != origin_ && take_unit(f);
-    route(f, n, front);
-    return true;
+    return false;
 }
 
 void RedisStore::route(const std::map<std::string, std::string> &f, uint64_t n, bool front) {
@@ -159,22 +186,22 @@ void RedisStore::placeholder(uint64_t op_id) {
         if (it == written_.end()) return;  // not applied yet: its event comes with the others
         const Pos target = it->second;
         written_.erase(it);
-        if (read_.n < target.n) read_events(target.id, 0, true);
+        if (read_.n < target.n) read_events(target.n, 0, true);
     });
 }
 
 void RedisStore::catch_up() {
     drain();
     while (link_.up() && started_) {
-        const uint64_t before = read_.n;
-        read_events("", 0, false);
-        if (read_.n == before) break;
+        const uint64_t before = fetched_.n;
+        read_events(0, 0, false);
+        if (fetched_.n == before) break;
     }
 }
 
 bool RedisStore::position_continues(std::string *why) {
     link_.select(kEventDb);
-    Reply r = call({"EVALSHA", link_.sha(kPosition), "0", "15", read_.id});
+    Reply r = call({"EVALSHA", link_.sha(kPosition), "0", "15", fetched_.id});
     if (!r || r->type != REDIS_REPLY_ARRAY || r->elements != 4) {
         *why = "the stream position cannot be read";
         return false;
@@ -182,16 +209,17 @@ bool RedisStore::position_continues(std::string *why) {
     uint64_t count = 0, first = 0;
     parse_u64(str(r->element[1]), &count);
     const bool has_first = parse_u64(str(r->element[2]), &first);
-    if (count == read_.n) return true;
-    if (count > read_.n && has_first && first == read_.n + 1) return true;
-    *why = count < read_.n ? "the server has fewer events than this process read (its data is gone)"
-                           : "the events after ordinal " + std::to_string(read_.n) +
-                                 " were trimmed or removed while this process was away";
+    if (count == fetched_.n) return true;
+    if (count > fetched_.n && has_first && first == fetched_.n + 1) return true;
+    *why = count < fetched_.n
+               ? "the server has fewer events than this process read (its data is gone)"
+               : "the events after ordinal " + std::to_string(fetched_.n) +
+                     " were trimmed or removed while this process was away";
     return false;
 }
 
 void RedisStore::report_position() {
-    if (read_.n == reported_ || !link_.up() || changes_pending()) return;
+    if (read_.n == reported_ || !ahead_.empty() || !link_.up() || changes_pending()) return;
     link_.select(kEventDb);
     link_.append({"HSET", "_readers", origin_, std::to_string(read_.n)});
     reported_ = read_.n;

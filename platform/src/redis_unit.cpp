@@ -219,6 +219,8 @@ bool RedisStore::load_unit() {
     }
     read_.id = str(r->element[0]);
     read_.n = std::strtoull(str(r->element[1]).c_str(), nullptr, 10);
+    fetched_ = read_;
+    ahead_.clear();
     resets_++;
     return true;
 }

@@ -126,7 +126,7 @@ bool RedisStore::poll(int wait_ms) {
     renew_lease(false);
     // Changes waiting for another try must not wait behind a long blocking read.
     if (changes_pending()) wait_ms = std::min(wait_ms, 50);
-    bool any = read_events("", wait_ms, false);
+    bool any = read_events(0, wait_ms, false);
     if (!any) report_position();
     return any || reconnected;
 }
@@ -148,8 +148,12 @@ void RedisStore::replay_commands(const std::vector<std::vector<std::string>> &lo
     Reply r = call({"INCR", "_origins"});
     const std::string origin = r ? std::to_string(r->integer) : "0";
     uint64_t seq = 0;
+    std::set<std::string> changes;
+    for (Script c : {kWrite, kDel, kBracketBegin, kBracketEnd, kBracketDrop, kUnit}) {
+        changes.insert(link_.sha(c));
+    }
     for (std::vector<std::string> args : log) {
-        if (args.size() > 3 && args[0] == "EVALSHA") {
+        if (args.size() > 3 && args[0] == "EVALSHA" && changes.count(args[1]) != 0) {
             const size_t at = 3 + std::strtoul(args[2].c_str(), nullptr, 10) + 1;
             if (at + 1 < args.size()) {
                 args[at] = origin;

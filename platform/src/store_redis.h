@@ -51,6 +51,14 @@ struct Pos {
     uint64_t n = 0;
 };
 
+// An entry read from the server and not yet taken in: a placeholder reads on
+// past its own write, and what it read beyond waits here for its turn.
+struct Ahead {
+    std::string id;
+    uint64_t n = 0;
+    std::map<std::string, std::string> f;
+};
+
 // A fresh subscription's snapshot was read in chunks, each current at its own
 // ordinal: events of a chunk's keys up to that ordinal are in the snapshot.
 struct Skip {
@@ -103,8 +111,12 @@ class RedisStore final : public Store {
 
     // ---- events (redis_events.cpp)
     void ensure_started();
-    bool read_events(const std::string &upto, int wait_ms, bool front);
-    bool take_entry(const redisReply *e, bool front);
+    // Take in events up to ordinal `upto` (0: all there are, within a bound),
+    // reading from the server what is not read yet. True when any was queued.
+    bool read_events(uint64_t upto, int wait_ms, bool front);
+    int fetch(int wait_ms);
+    bool take(uint64_t upto, bool front);
+    bool watched_type(const std::map<std::string, std::string> &f) const;
     void route(const std::map<std::string, std::string> &f, uint64_t n, bool front);
     void placeholder(uint64_t op_id);
     bool position_continues(std::string *why);
@@ -156,7 +168,8 @@ class RedisStore final : public Store {
 
     // events
     bool started_ = false;
-    Pos read_;
+    Pos read_, fetched_;  // taken in; read from the server
+    std::deque<Ahead> ahead_;
     uint64_t resets_ = 0;  // times the position was set anew after a gap
     uint64_t reported_ = 0;
     std::map<uint64_t, Skip> skips_;  // by subscription
