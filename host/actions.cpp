@@ -236,7 +236,13 @@ void Host::do_cmd(Cursor &c) {
 }
 
 void Host::do_show(Cursor &c) {
-    int db = parse_db(c.word("database"));
+    std::string word = c.word("database or store");
+    if (word == "store") {
+        c.end();
+        emit(platform::db_status());
+        return;
+    }
+    int db = parse_db(word);
     std::string type;
     if (auto w = c.try_word()) {
         type = *w;

@@ -35,7 +35,11 @@ const std::vector<Command> &Host::commands() {
          &Host::do_card, true},
         {"cmd", "  cmd NAME [INT...]                      a debug command of the module\n",
          &Host::do_cmd, true},
-        {"show", "  show DB [TYPE]\n", &Host::do_show, true},
+        {"show",
+         "  show DB [TYPE]\n"
+         "  show store                             the store: changes acknowledged, waiting,\n"
+         "                                         refused, dropped; events read\n",
+         &Host::do_show, true},
         {"picture",
          "  picture FILE [TITLE]                   draw the unit as the databases say (.svg, "
          ".png:\n"

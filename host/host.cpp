@@ -40,9 +40,16 @@ Host::Host(const Options &opt) : oracle_(opt.oracle), pictures_dir_(opt.pictures
     if (!opt.db_path.empty() && platform::db_open_file(opt.db_path) != 0) {
         throw std::runtime_error("cannot open the database file " + opt.db_path);
     }
+    // Nothing here reads the module's writes back: a serving process keeps none.
+    platform::keep_module_writes(false);
     if (!opt.redis.empty()) {
         std::string error;
-        if (platform::db_use_redis(opt.redis, &error) != 0) {
+        platform::RedisOptions ro;
+        ro.address = opt.redis;
+        ro.password_file = opt.redis_password_file;
+        ro.timeout_ms = opt.redis_timeout_ms;
+        ro.stream_max = opt.redis_stream_max;
+        if (platform::db_use_redis(ro, &error) != 0) {
             throw std::runtime_error("cannot use the Redis server " + opt.redis + ": " + error);
         }
         // Beside the bytes, a text form for people reading the store.
@@ -56,6 +63,8 @@ Host::Host(const Options &opt) : oracle_(opt.oracle), pictures_dir_(opt.pictures
     if (opt.member > 0) {
         platform::db_member(opt.member);
         devid_ = static_cast<uint32_t>(opt.member);
+        std::string error;
+        if (platform::db_claim_member(opt.member, &error) != 0) throw std::runtime_error(error);
     }
 }
 

@@ -27,8 +27,11 @@ struct Options {
     std::string module_path;
     std::string log_path;  // empty: a file in the scratch directory; "-": standard error
     std::string db_path;   // empty: databases in memory only
-    std::string redis;     // HOST:PORT or unix:PATH: every database on that Redis server
-    int member = 0;        // a member of a unit sharing the server (0: a lone switch)
+    std::string redis;     // every database on that Redis server (platform::RedisOptions)
+    std::string redis_password_file;
+    int redis_timeout_ms = 5000;
+    long redis_stream_max = 100000;
+    int member = 0;  // a member of a unit sharing the server (0: a lone switch)
     // After every command, ask the module's built-in consistency oracle (the
     // test-only build of the module exports one) and fail on a difference.
     bool oracle = false;

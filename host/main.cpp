@@ -2,8 +2,10 @@
 // unit around it from scenario scripts or an interactive shell.
 //
 // Exit status: 0 every expectation held; 1 the first that did not; 2 a script
-// error; any other status is the module's own (it ends the process on a lost
-// database session).
+// error (or a store that cannot be used); 3 changes this process made were not
+// acknowledged by the Redis server (they are named on standard error); any
+// other status is the module's own (it ends the process with 77 on a database
+// session that cannot be resumed).
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +23,7 @@ volatile sig_atomic_t g_stop = 0;
 
 constexpr int kFailed = 1;
 constexpr int kScriptError = 2;
+constexpr int kNotAcknowledged = 3;
 
 void usage(std::ostream &os) {
     os << "usage: dpm-host [STORE] [--log PATH|-] [--module PATH] [--pictures DIR] [--oracle] "
@@ -29,8 +32,12 @@ void usage(std::ostream &os) {
           "       dpm-host [STORE] ... --serve [SCRIPT...]   the scripts, then the loop until "
           "SIGTERM\n"
           "STORE: --db PATH (embedded store kept in a file) or\n"
-          "       --redis HOST:PORT|unix:PATH [--member N] (a Redis server; N: this member's\n"
-          "       own LOCAL_DB and TOPO_DB on a server shared by a unit, device id N)\n";
+          "       --redis ADDRESS [--member N] (a Redis server; N: this member's own LOCAL_DB\n"
+          "       and TOPO_DB on a server shared by a unit, device id N)\n"
+          "       ADDRESS: HOST:PORT, unix:PATH, redis://[USER[:PASSWORD]@]HOST:PORT/,\n"
+          "       unix:///PATH; the password also from --redis-password-file FILE or\n"
+          "       DPM_REDIS_PASSWORD; --redis-timeout DURATION (one reply, default 5s);\n"
+          "       --redis-stream-max N (events the server keeps, default 100000)\n";
 }
 
 int run_script(host::Host &h, const std::string &path) {
@@ -118,6 +125,27 @@ int main(int argc, char **argv) {
             opt.pictures_dir = value("--pictures");
         } else if (a == "--redis" || a.rfind("--redis=", 0) == 0) {
             opt.redis = value("--redis");
+        } else if (a == "--redis-password-file" || a.rfind("--redis-password-file=", 0) == 0) {
+            opt.redis_password_file = value("--redis-password-file");
+        } else if (a == "--redis-timeout" || a.rfind("--redis-timeout=", 0) == 0) {
+            std::string v = value("--redis-timeout");
+            try {
+                opt.redis_timeout_ms = static_cast<int>(host::parse_duration_us(v) / 1000);
+            } catch (const std::exception &) {
+                opt.redis_timeout_ms = 0;
+            }
+            if (opt.redis_timeout_ms < 1 || opt.redis_timeout_ms > 3600000) {
+                std::cerr
+                    << "dpm-host: --redis-timeout takes a duration of 1ms..1h (e.g. 500ms, 5s)\n";
+                return kScriptError;
+            }
+        } else if (a == "--redis-stream-max" || a.rfind("--redis-stream-max=", 0) == 0) {
+            opt.redis_stream_max = std::strtol(value("--redis-stream-max").c_str(), nullptr, 10);
+            if (opt.redis_stream_max < 100) {
+                std::cerr
+                    << "dpm-host: --redis-stream-max takes a number of events, at least 100\n";
+                return kScriptError;
+            }
         } else if (a == "--member" || a.rfind("--member=", 0) == 0) {
             opt.member = static_cast<int>(std::strtol(value("--member").c_str(), nullptr, 10));
             if (opt.member < 1 || opt.member > 32) {
@@ -159,6 +187,24 @@ int main(int argc, char **argv) {
             std::cout << "serving" << std::endl;
             h.serve(g_stop);
         }
+        // Honest to the end: 0 only when the server acknowledged every change.
+        const std::vector<std::string> lost = platform::db_finish(3 * opt.redis_timeout_ms);
+        if (!lost.empty()) {
+            std::cerr << "dpm-host: the Redis server did not acknowledge " << lost.size()
+                      << " change(s) of this process:\n";
+            size_t shown = 0;
+            for (const auto &l : lost) {
+                if (++shown > 20) {
+                    std::cerr << "  ...\n";
+                    break;
+                }
+                std::cerr << "  " << l << "\n";
+            }
+            return kNotAcknowledged;
+        }
+    } catch (const host::ExpectFailure &e) {
+        std::cerr << "dpm-host: " << e.what() << std::endl;
+        return kFailed;
     } catch (const std::exception &e) {
         std::cerr << "dpm-host: " << e.what() << std::endl;
         return kScriptError;

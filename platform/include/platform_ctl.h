@@ -73,10 +73,29 @@ bool db_connected(int db);
 // change. Empty path: memory only.
 int db_open_file(const std::string &path);
 
-// Put every database on a Redis server shared with other processes (ADDRESS:
-// HOST:PORT or unix:PATH) instead of the embedded store. 0, or -1 with *error.
+// Put every database on a Redis server shared with other processes instead of
+// the embedded store. 0, or -1 with *error naming the cause.
+struct RedisOptions {
+    // HOST:PORT, unix:PATH, redis://[USER[:PASSWORD]@]HOST[:PORT]/ or unix:///PATH
+    std::string address;
+    // Where the password is when the address has none: the first line of this
+    // file, else the environment variable DPM_REDIS_PASSWORD.
+    std::string password_file;
+    int timeout_ms = 5000;     // the longest wait for one reply of the server
+    long stream_max = 100000;  // about how many events the server keeps
+};
+int db_use_redis(const RedisOptions &opt, std::string *error);
 int db_use_redis(const std::string &address, std::string *error);
 bool db_on_redis();
+// Serve member N alone: a second process for the same member on the same
+// server is refused (0, or -1 with *error).
+int db_claim_member(int member, std::string *error);
+// Before the process ends: wait up to wait_ms until the server has
+// acknowledged every change this process made. What it has not (a line each,
+// and the count of changes dropped) is returned; empty when all is well.
+std::vector<std::string> db_finish(int wait_ms);
+// Where the store is and how its changes fare, a few lines for people.
+std::string db_status();
 // Members of a unit on one server: each member's LOCAL_DB and TOPO_DB are its
 // own. db_member sets the module's member and the one the steering calls look
 // at; db_view changes only the latter (0: no member, the databases of a lone
@@ -112,6 +131,9 @@ struct ModuleWrite {
 };
 const std::vector<ModuleWrite> &module_writes();
 void clear_module_writes();
+// Whether to keep them (on by default; a process that never reads them turns
+// it off, so that its memory stays flat).
+void keep_module_writes(bool on);
 
 // ---- data-sync agent -------------------------------------------------------------
 

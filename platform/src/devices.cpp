@@ -133,12 +133,26 @@ void card_del(uint32_t gslot) {
     platform::store().share("card_del", 0, "", std::to_string(gslot));
 }
 
+namespace {
+
+// The unit's port lookups are shared like its cards: "DEV/SLOT/LPORT VALUE|fail".
+void share_lookup(const char *kind, int devid, int slot, int lport, std::optional<uint32_t> v) {
+    platform::store().share(kind, 0, "",
+                            std::to_string(devid) + "/" + std::to_string(slot) + "/" +
+                                std::to_string(lport) + " " +
+                                (v ? std::to_string(*v) : std::string("fail")));
+}
+
+}  // namespace
+
 void set_chipid(int devid, int slot, int lport, std::optional<uint32_t> chipid) {
     st().chipids[platform::Port{devid, slot, lport}] = chipid;
+    share_lookup("chip", devid, slot, lport, chipid);
 }
 
 void set_phyid(int devid, int slot, int lport, std::optional<uint32_t> gphyid) {
     st().phyids[platform::Port{devid, slot, lport}] = gphyid;
+    share_lookup("phy", devid, slot, lport, gphyid);
 }
 
 void set_capacity(const std::string &key, std::optional<int32_t> value) {

@@ -6,8 +6,17 @@
 // record handed to a callback is unpacked with the subscriber's own descriptor
 // and freed again when the callback returns, as the real client owns it for
 // that long.
+//
+// Sessions that resume: while a session is away (disconnected), the events of
+// its subscriptions wait. When its reconnect callback (type 2) subscribes
+// again to the same database and type with the same handler, the subscription
+// goes on where it was: it delivers every write and deletion it missed, once,
+// in write order, then the data-sync request. A subscription the callback does
+// not make again is dropped with what it missed. Any other reconnect type
+// drops the session's subscriptions at once.
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <utility>
@@ -30,8 +39,19 @@ void queue_event(const ProtobufCMessageDescriptor *desc, xn_mom_event_cb_t cb, v
                 rec = protobuf_c_message_unpack(desc, nullptr, packed.size(),
                                                 reinterpret_cast<const uint8_t *>(packed.data()));
                 if (rec == nullptr) {
-                    std::fprintf(stderr, "xn_mom: %s record does not decode, event %d dropped\n",
-                                 desc->name, cmd);
+                    // Another process's bytes: logged, throttled (one line a second).
+                    static time_t last = 0;
+                    static unsigned long held = 0;
+                    if (time(nullptr) != last) {
+                        std::fprintf(stderr,
+                                     "xn_mom: %s record does not decode, event %d dropped (%lu "
+                                     "more since the last line)\n",
+                                     desc->name, cmd, held);
+                        last = time(nullptr);
+                        held = 0;
+                    } else {
+                        held++;
+                    }
                     return;
                 }
                 if (cmd == XN_MOM_CMD_HMSET) {
@@ -48,11 +68,29 @@ void queue_event(const ProtobufCMessageDescriptor *desc, xn_mom_event_cb_t cb, v
         sub_id, 0, front);
 }
 
-void notify(int db, const std::string &type, int cmd, const std::string &packed) {
-    for (const Subscription &sub : st().subs) {
-        if (sub.db != db || sub.type != type) continue;
-        queue_event(sub.desc, sub.cb, sub.client, cmd, 0, true, packed, sub.id);
+void deliver(Subscription &sub, int cmd, std::string packed, bool front) {
+    if (sub.away) {
+        sub.missed.emplace_back(cmd, std::move(packed));
+        return;
     }
+    queue_event(sub.desc, sub.cb, sub.client, cmd, 0, true, std::move(packed), sub.id, front);
+}
+
+void notify(int db, const std::string &type, int cmd, const std::string &packed) {
+    for (Subscription &sub : st().subs) {
+        if (sub.db == db && sub.type == type) deliver(sub, cmd, packed);
+    }
+}
+
+std::string hex(const std::string &s) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(s.size() * 2);
+    for (unsigned char c : s) {
+        out.push_back(digits[c >> 4]);
+        out.push_back(digits[c & 15]);
+    }
+    return out;
 }
 
 Store &store() {
@@ -91,14 +129,23 @@ int module_write(const char *op, platform::ModuleWrite::Op kind, void *client, i
     const std::string type = msg->descriptor->name;
     std::string packed = pack(msg);
     RecordKey k = key_of(msg);
-    st().module_writes.push_back(platform::ModuleWrite{kind, db, type, packed});
-    if (kind == platform::ModuleWrite::Del) {
-        store().del(st().module_member, db, type, k);
-    } else {
-        store().write(st().module_member, db, type, k, packed,
-                      kind == platform::ModuleWrite::HmSet);
+    if (st().keep_module_writes) {
+        st().module_writes.push_back(platform::ModuleWrite{kind, db, type, packed});
     }
-    return 0;
+    if (kind == platform::ModuleWrite::Del) return store().del(st().module_member, db, type, k);
+    return store().write(st().module_member, db, type, k, packed,
+                         kind == platform::ModuleWrite::HmSet);
+}
+
+// The away subscription that a resumed session's callback makes again.
+Subscription *resumable(int db, const std::string &type, xn_mom_event_cb_t cb, void *client) {
+    for (Subscription &sub : st().subs) {
+        if (sub.away && sub.db == db && sub.type == type && sub.cb == cb && sub.client == client &&
+            !st().sessions[db].down) {
+            return &sub;
+        }
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -154,15 +201,33 @@ int xn_mom_subscribe(void *client, int db, const ProtobufCMessage *tmpl, int fla
     if (auto rv = platform::fault("xn_mom_subscribe", db)) return *rv;
     if (tmpl == nullptr || tmpl->descriptor == nullptr || cb == nullptr) return -1;
     platform::State &s = st();
+    if (platform::Subscription *old = platform::resumable(db, tmpl->descriptor->name, cb, client)) {
+        // Everything written meanwhile first, so that what it missed is whole.
+        platform::store().catch_up();
+        old->away = false;
+        old->desc = tmpl->descriptor;
+        old->user = user;
+        for (auto &[cmd, packed] : std::exchange(old->missed, {})) {
+            platform::queue_event(old->desc, cb, client, cmd, 0, true, std::move(packed), old->id);
+        }
+        platform::queue_event(old->desc, cb, client, XN_MOM_CMD_DS, 0, false, {}, old->id);
+        return 0;
+    }
     platform::Subscription sub{s.next_id++, db,  tmpl->descriptor->name, tmpl->descriptor, cb,
                                client,      user};
+    sub.member = s.module_member;
     // Subscribing again to the same type with the same handler replaces the
-    // earlier subscription: a session that resubscribes (a resumed session, a
-    // repeated connect) must not get every later event twice.
+    // earlier subscription: a repeated connect must not get every later event
+    // twice.
     platform::drop_subs([&](const platform::Subscription &old) {
         return old.db == db && old.type == sub.type && old.cb == cb && old.client == client;
     });
-    platform::store().subscribe(s.module_member, sub);
+    if (!platform::store().subscribe(s.module_member, sub)) {
+        // Nothing half delivered: what the snapshot queued goes with it.
+        const uint64_t id = sub.id;
+        std::erase_if(s.queue, [id](const platform::QueueItem &item) { return item.sub_id == id; });
+        return -1;
+    }
     s.subs.push_back(std::move(sub));
     return 0;
 }
@@ -174,7 +239,10 @@ int xn_mom_scan(void *client, int db, const ProtobufCMessage *tmpl, int flags, x
     if (auto rv = platform::fault("xn_mom_scan", db)) return *rv;
     if (tmpl == nullptr || tmpl->descriptor == nullptr || cb == nullptr) return -1;
     const ProtobufCMessageDescriptor *desc = tmpl->descriptor;
-    for (const auto &e : platform::store().records(st().module_member, db, desc->name)) {
+    std::vector<platform::StoredEntry> records;
+    // A scan the store could not read whole is a failed call, never a short scan.
+    if (!platform::store().records(st().module_member, db, desc->name, &records)) return -1;
+    for (const auto &e : records) {
         platform::queue_event(desc, cb, client,
                               e.rec.field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET, 0, true,
                               e.rec.packed, 0);
@@ -242,58 +310,16 @@ int xn_mom_dsend(void *client, int db, const ProtobufCMessage *tmpl, int flags, 
 
 }  // extern "C"
 
-// ---- steering ------------------------------------------------------------------------
+// ---- sessions lost and back (steering) --------------------------------------------
 
 namespace platform {
-namespace {
-
-int host_write(int db, const std::string &type, const std::string &packed, bool field_form) {
-    platform::RecordKey k;
-    if (!platform::key_of_packed(type, packed, &k)) return -1;
-    platform::store().write(st().view_member, db, type, k, packed, field_form);
-    return 0;
-}
-
-StoredRecord to_record(int db, const platform::StoredEntry &e) {
-    return StoredRecord{db, e.key.type, e.key.key, e.rec.packed, e.rec.field_form};
-}
-
-}  // namespace
-
-int db_set(int db, const std::string &type, const std::string &packed) {
-    return host_write(db, type, packed, false);
-}
-
-int db_hmset(int db, const std::string &type, const std::string &packed) {
-    return host_write(db, type, packed, true);
-}
-
-int db_del(int db, const std::string &type, const std::string &packed) {
-    platform::RecordKey k;
-    if (!platform::key_of_packed(type, packed, &k)) return -1;
-    platform::store().del(st().view_member, db, type, k);
-    return 0;
-}
-
-std::vector<StoredRecord> db_records(int db, const std::string &type) {
-    std::vector<StoredRecord> out;
-    for (const auto &e : platform::store().records(st().view_member, db, type)) {
-        out.push_back(to_record(db, e));
-    }
-    return out;
-}
-
-std::optional<StoredRecord> db_get(int db, const std::string &type, const std::string &packed) {
-    platform::RecordKey k;
-    if (!platform::key_of_packed(type, packed, &k)) return std::nullopt;
-    auto e = platform::store().get(st().view_member, db, type, k);
-    if (!e) return std::nullopt;
-    return to_record(db, *e);
-}
 
 void db_disconnect(int db) {
     platform::Session &s = st().sessions[db];
     s.down = true;
+    for (platform::Subscription &sub : st().subs) {
+        sub.away = sub.away || (sub.db == db && sub.client == s.client);
+    }
     if (s.disconn_cb != nullptr) {
         xn_mom_disconn_cb_t cb = s.disconn_cb;
         platform::enqueue([cb] { cb(); });
@@ -302,99 +328,29 @@ void db_disconnect(int db) {
 
 void db_reconnect(int db, int type) {
     platform::State &state = st();
-    // The resumed session subscribes again: the old subscriptions and whatever
-    // they still had queued must not deliver a second time.
-    platform::drop_subs([db](const platform::Subscription &sub) { return sub.db == db; });
     platform::Session &s = state.sessions[db];
     s.down = false;
-    if (s.reconn_cb != nullptr) {
-        xn_mom_reconn_cb_t cb = s.reconn_cb;
-        void *client = s.client != nullptr ? s.client : host_handle();
-        platform::enqueue([cb, client, db, type] { cb(client, db, type); });
+    // A session that cannot be resumed loses its subscriptions now; a resumed
+    // one keeps those its reconnect callback makes again (see the top).
+    auto stale = [db](const platform::Subscription &sub) { return sub.db == db && sub.away; };
+    if (type != XN_MOM_RECONN_RESUME) {
+        platform::drop_subs([db](const platform::Subscription &sub) { return sub.db == db; });
     }
-}
-
-int db_use_redis(const std::string &address, std::string *error) {
-    std::unique_ptr<platform::Store> s = platform::make_redis_store(address, error);
-    if (!s) return -1;
-    st().store = std::move(s);
-    st().on_redis = true;
-    return 0;
-}
-
-bool db_on_redis() {
-    return st().on_redis;
-}
-
-void db_member(int member) {
-    st().module_member = st().view_member = member;
-}
-
-void db_view(int member) {
-    st().view_member = member;
-}
-
-int db_view_member() {
-    return st().view_member;
-}
-
-void set_record_text(
-    std::function<std::string(const std::string &type, const std::string &packed)> fn) {
-    st().text_form = std::move(fn);
-}
-
-namespace {
-
-int watch_event(void *client, xn_mom_msg_t *msg) {
-    if (msg == nullptr || msg->err != 0 || msg->data == nullptr) return 0;
-    const auto *rec = msg->cmd == XN_MOM_CMD_HMSET
-                          ? static_cast<const xn_mom_entry_t *>(msg->data)->msg
-                          : static_cast<const ProtobufCMessage *>(msg->data);
-    (*static_cast<WatchFn *>(client))(msg->cmd, platform::pack(rec));
-    return 0;
-}
-
-}  // namespace
-
-void db_watch(int member, int db, const std::string &type, WatchFn fn) {
-    const ProtobufCMessageDescriptor *desc = platform::find_descriptor(type);
-    if (desc == nullptr) return;
-    platform::State &s = st();
-    s.watches.push_back(std::move(fn));
-    platform::Subscription sub{s.next_id++,       db,     type, desc, watch_event,
-                               &s.watches.back(), nullptr};
-    platform::store().subscribe(member, sub);
-    s.subs.push_back(std::move(sub));
-}
-
-void db_command_log(bool on) {
-    platform::store().command_log(on);
-}
-
-std::vector<std::vector<std::string>> db_take_command_log() {
-    return platform::store().take_command_log();
-}
-
-void db_replay_commands(const std::vector<std::vector<std::string>> &log) {
-    platform::store().replay_commands(log);
-}
-
-bool db_wait(int ms) {
-    platform::store().flush();
-    return platform::store().poll(ms);
+    if (s.reconn_cb == nullptr) {
+        platform::drop_subs(stale);
+        return;
+    }
+    xn_mom_reconn_cb_t cb = s.reconn_cb;
+    void *client = s.client != nullptr ? s.client : host_handle();
+    platform::enqueue([cb, client, db, type, stale] {
+        cb(client, db, type);
+        platform::drop_subs(stale);
+    });
 }
 
 bool db_connected(int db) {
     auto it = st().sessions.find(db);
     return it != st().sessions.end() && it->second.connected && !it->second.down;
-}
-
-const std::vector<ModuleWrite> &module_writes() {
-    return st().module_writes;
-}
-
-void clear_module_writes() {
-    st().module_writes.clear();
 }
 
 }  // namespace platform

@@ -84,10 +84,12 @@ struct Subscription {
     xn_mom_event_cb_t cb;
     void *client;
     void *user;
-    // Redis store: the stream of the subscription's database and type and the
-    // id of the last entry it has had (or its snapshot's position).
-    std::string stream;
-    uint64_t from_ms = 0, from_seq = 0;
+    int member = 0;  // whose databases (a unit on a shared server)
+    // Its session is away: events wait in `missed`, in write order, until the
+    // session's reconnect callback subscribes again (and gets them) or not
+    // (and the subscription goes).
+    bool away = false;
+    std::deque<std::pair<int, std::string>> missed;  // command, packed record
 };
 
 // ---- data-sync agent ---------------------------------------------------------------
@@ -155,6 +157,7 @@ struct State {
     std::set<Port> offline_cards;
     std::vector<Fault> faults;
     std::vector<platform::ModuleWrite> module_writes;
+    bool keep_module_writes = true;  // off in processes that never read them
     std::vector<platform::LogLine> log;
     std::deque<std::string> categories;  // stable storage behind category pointers
     std::string db_path;

@@ -14,15 +14,9 @@
 namespace platform {
 namespace {
 
-std::string hex(const std::string &s) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(s.size() * 2 + 1);
-    for (unsigned char c : s) {
-        out.push_back(digits[c >> 4]);
-        out.push_back(digits[c & 15]);
-    }
-    return out.empty() ? "-" : out;  // never an empty token
+// A field of the file: never an empty token.
+std::string hex_token(const std::string &s) {
+    return s.empty() ? "-" : hex(s);
 }
 
 bool unhex(const std::string &s, std::string *out) {
@@ -70,37 +64,38 @@ int form_cmd(const Stored &rec) {
 
 class EmbeddedStore : public Store {
   public:
-    void write(int, int db, const std::string &type, const RecordKey &k, const std::string &packed,
-               bool field_form) override {
+    int write(int, int db, const std::string &type, const RecordKey &k, const std::string &packed,
+              bool field_form) override {
         Stored &rec = st().dbs[db][StoreKey{type, k.order, k.key}];
         rec.packed = packed;
         rec.field_form = field_form;
         rec.expired = false;  // a write inside a data-sync bracket confirms the record
         notify(db, type, form_cmd(rec), rec.packed);
         save_dbs();
+        return 0;
     }
 
-    void del(int, int db, const std::string &type, const RecordKey &k) override {
+    int del(int, int db, const std::string &type, const RecordKey &k) override {
         auto dbit = st().dbs.find(db);
-        if (dbit == st().dbs.end()) return;
+        if (dbit == st().dbs.end()) return 0;
         auto it = dbit->second.find(StoreKey{type, k.order, k.key});
-        if (it == dbit->second.end()) return;  // nothing there: nothing to tell anyone
+        if (it == dbit->second.end()) return 0;  // nothing there: nothing to tell anyone
         std::string packed = std::move(it->second.packed);
         dbit->second.erase(it);
         notify(db, type, XN_MOM_CMD_DEL, packed);
         save_dbs();
+        return 0;
     }
 
-    std::vector<StoredEntry> records(int, int db, const std::string &type) override {
-        std::vector<StoredEntry> out;
+    bool records(int, int db, const std::string &type, std::vector<StoredEntry> *out) override {
         auto dbit = st().dbs.find(db);
-        if (dbit == st().dbs.end()) return out;
+        if (dbit == st().dbs.end()) return true;
         auto it =
             type.empty() ? dbit->second.begin() : dbit->second.lower_bound(StoreKey{type, "", ""});
         for (; it != dbit->second.end() && (type.empty() || it->first.type == type); ++it) {
-            out.push_back(StoredEntry{it->first, it->second});
+            out->push_back(StoredEntry{it->first, it->second});
         }
-        return out;
+        return true;
     }
 
     std::optional<StoredEntry> get(int, int db, const std::string &type,
@@ -112,13 +107,16 @@ class EmbeddedStore : public Store {
         return StoredEntry{it->first, it->second};
     }
 
-    void subscribe(int member, Subscription &sub) override {
+    bool subscribe(int member, Subscription &sub) override {
         // What is already there first, then the request to sync up.
-        for (const StoredEntry &e : records(member, sub.db, sub.type)) {
+        std::vector<StoredEntry> stored;
+        records(member, sub.db, sub.type, &stored);
+        for (const StoredEntry &e : stored) {
             queue_event(sub.desc, sub.cb, sub.client, form_cmd(e.rec), 0, true, e.rec.packed,
                         sub.id);
         }
         queue_event(sub.desc, sub.cb, sub.client, XN_MOM_CMD_DS, 0, false, {}, sub.id);
+        return true;
     }
 
     void bracket_begin(int, int db, const std::string &type) override {
@@ -180,8 +178,9 @@ void flush_dbs() {
         out << "# dpm platform databases: db type form key order packed\n";
         for (const auto &[db, records] : st().dbs) {
             for (const auto &[k, rec] : records) {
-                out << db << ' ' << k.type << ' ' << (rec.field_form ? 1 : 0) << ' ' << hex(k.key)
-                    << ' ' << hex(k.order) << ' ' << hex(rec.packed) << '\n';
+                out << db << ' ' << k.type << ' ' << (rec.field_form ? 1 : 0) << ' '
+                    << hex_token(k.key) << ' ' << hex_token(k.order) << ' ' << hex_token(rec.packed)
+                    << '\n';
             }
         }
         if (!out.flush()) {
