@@ -171,6 +171,7 @@ void Supervisor::stop_member(int id, int sig, bool leave) {
     log("member " + std::to_string(id) + " (pid " + std::to_string(it->second.pid) + ") " +
         status_text(status));
     members_.erase(it);
+    platform::db_free_member(id);
     if (state_)
         state_->set_process("member:" + std::to_string(id), leave ? "stopped" : "restarting");
     if (leave) {
@@ -276,6 +277,7 @@ void Supervisor::turn(int wait_ms) {
             if (c.pid != e.pid) continue;
             const int mid = id;
             members_.erase(mid);
+            platform::db_free_member(mid);
             if (WIFEXITED(e.status) && WEXITSTATUS(e.status) == kResumeFailed) {
                 log("member " + std::to_string(mid) + " " + status_text(e.status) +
                     " (its database session could not be resumed): starting it again");

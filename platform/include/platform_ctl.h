@@ -90,6 +90,9 @@ bool db_on_redis();
 // Serve member N alone: a second process for the same member on the same
 // server is refused (0, or -1 with *error).
 int db_claim_member(int member, std::string *error);
+// For a supervisor that saw the process serving member N end: its claim is
+// given up at once instead of running out, so a new process can serve N.
+void db_free_member(int member);
 // Before the process ends: wait up to wait_ms until the server has
 // acknowledged every change this process made. What it has not (a line each,
 // and the count of changes dropped) is returned; empty when all is well.

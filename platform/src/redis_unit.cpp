@@ -274,6 +274,15 @@ int RedisStore::claim_member(int member, std::string *error) {
     return 0;
 }
 
+void RedisStore::free_member(int member) {
+    link_.select(kEventDb);
+    Reply r = call({"DEL", "_member:" + std::to_string(member)});
+    if (!r || r->type == REDIS_REPLY_ERROR) {
+        log_throttled("lease", "xn_mom: cannot free _member:" + std::to_string(member) + ": " +
+                                   (r ? str(r.get()) : link_.why_closed()));
+    }
+}
+
 void RedisStore::renew_lease(bool now) {
     const auto period = std::chrono::milliseconds(lease_ms(link_.timeout_ms()) / 3);
     if (lease_member_ == 0 || !link_.up() || (!now && Clock::now() - lease_renewed_ < period)) {

@@ -71,6 +71,8 @@ class Store {
         (void)error;
         return 0;
     }
+    // The process serving member N ended (its supervisor saw it): free N now.
+    virtual void free_member(int member) { (void)member; }
     // Benchmarks: keep every command sent to a server, and send such a log
     // again, pipelined (nothing to do for the embedded store).
     virtual void command_log(bool on) { (void)on; }

@@ -284,6 +284,8 @@ std::unique_ptr<Store> make_redis_store(const RedisOptions &opt, std::string *er
     if (!s->start(error)) return nullptr;
     // A process that ends from inside a callback (the module's exit 77) still
     // sends what it wrote, as far as the server takes it within the timeout.
+    // The state is made first, so that it is destroyed after this handler runs.
+    (void)st();
     static const bool at_exit = std::atexit([] {
                                     if (st().on_redis && st().store) st().store->finish(0);
                                 }) == 0;

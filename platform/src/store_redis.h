@@ -89,6 +89,7 @@ class RedisStore final : public Store {
     std::vector<std::string> finish(int wait_ms) override;
     std::string status() override;
     int claim_member(int member, std::string *error) override;
+    void free_member(int member) override;
     void command_log(bool on) override;
     std::vector<std::vector<std::string>> take_command_log() override;
     void replay_commands(const std::vector<std::vector<std::string>> &log) override;

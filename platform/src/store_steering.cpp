@@ -73,6 +73,10 @@ int db_claim_member(int member, std::string *error) {
     return platform::store().claim_member(member, error);
 }
 
+void db_free_member(int member) {
+    platform::store().free_member(member);
+}
+
 std::vector<std::string> db_finish(int wait_ms) {
     return platform::store().finish(wait_ms);
 }
