@@ -550,6 +550,15 @@ int dpm_calc_kel_cfg_by_dtm(void);
 // ============================================================================
 
 int dpm_get_uc_oif_by_modid(uint32_t modid);
+// Routes found so far in the newest map, by destination device: a walk over
+// many module ids under one map looks each device's route up once.
+struct dpm_uc_route_memo {
+    bool known[DPM_DEVID_MAX] = {};
+    const dpm_fib_entry *route[DPM_DEVID_MAX] = {};
+};
+// dpm_get_uc_oif_by_modid for module id `modid` whose entry `e` is at hand,
+// with the memo of the walk: the same result and the same messages.
+int dpm_get_uc_oif_by_entry(uint32_t modid, const dpm_modid_info *e, dpm_uc_route_memo *memo);
 int dpm_uc_balance_for_modid_add(dpm_modid_info *entry);
 int dpm_uc_balance_for_modid_del(dpm_modid_info *entry);
 void dpm_restore_vsl_lb_ptr(void);
