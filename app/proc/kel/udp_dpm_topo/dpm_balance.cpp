@@ -101,19 +101,8 @@ void dpm_restore_vsl_lb_in_ap(int apid) {
     }
 }
 
-namespace {
-
-// The first unicast route of this member towards `devid` in `dtm`, or null.
-const dpm_fib_entry *dpm_find_my_uc_route(const dpm_dtm_info *dtm, uint32_t devid) {
-    for (uint32_t i = 0; i < dtm->fib_num; ++i) {
-        const dpm_fib_entry &fib = dtm->fibs[i];
-        if (fib.owner == g_mydevid && fib.dst == devid) return &fib;
-    }
-    return nullptr;
-}
-
 // The unicast route of this member towards `devid`: its out-interface.
-int dpm_get_uc_oif_by_devid(uint32_t modid, uint32_t devid, dpm_uc_route_memo *memo) {
+int dpm_get_uc_oif_by_devid(uint32_t modid, uint32_t devid) {
     DPM_ERR("devid:%d", devid);
     const dpm_dtm_info *dtm = dpm_dtm_cache.newest;
     if (dtm == nullptr) {
@@ -121,30 +110,20 @@ int dpm_get_uc_oif_by_devid(uint32_t modid, uint32_t devid, dpm_uc_route_memo *m
         DPM_ERR("can't find uc oif for modid:%d, devid:%d!", modid, devid);
         return DPM_ERR_FAIL;
     }
-    const dpm_fib_entry *fib = nullptr;
-    if (memo != nullptr && devid < DPM_DEVID_MAX) {
-        if (!memo->known[devid]) {
-            memo->route[devid] = dpm_find_my_uc_route(dtm, devid);
-            memo->known[devid] = true;
+    for (uint32_t i = 0; i < dtm->fib_num; ++i) {
+        const dpm_fib_entry &fib = dtm->fibs[i];
+        if (fib.owner != g_mydevid || fib.dst != devid) continue;
+        // The map stores any byte; only a real aggregate port may pick a
+        // port list, anything else leaves the module id unplaced.
+        if (!dpm_apid_valid(fib.oif)) {
+            DPM_ERR("uc oif %d is not a vsl ap, modid:%d, devid:%d!", fib.oif, modid, devid);
+            return DPM_ERR_FAIL;
         }
-        fib = memo->route[devid];
-    } else {
-        fib = dpm_find_my_uc_route(dtm, devid);
+        return fib.oif;
     }
-    if (fib == nullptr) {
-        DPM_ERR("can't find uc oif for modid:%d, devid:%d!", modid, devid);
-        return DPM_ERR_FAIL;
-    }
-    // The map stores any byte; only a real aggregate port may pick a port
-    // list, anything else leaves the module id unplaced.
-    if (!dpm_apid_valid(fib->oif)) {
-        DPM_ERR("uc oif %d is not a vsl ap, modid:%d, devid:%d!", fib->oif, modid, devid);
-        return DPM_ERR_FAIL;
-    }
-    return fib->oif;
+    DPM_ERR("can't find uc oif for modid:%d, devid:%d!", modid, devid);
+    return DPM_ERR_FAIL;
 }
-
-}  // namespace
 
 int dpm_get_uc_oif_by_modid(uint32_t modid) {
     dpm_modid_info *e = dpm_modid_valid(modid) ? dpm_find_modid_info(modid) : nullptr;
@@ -152,11 +131,7 @@ int dpm_get_uc_oif_by_modid(uint32_t modid) {
         DPM_ERR("can't find modid %d info!", modid);
         return DPM_ERR_NOMODID;
     }
-    return dpm_get_uc_oif_by_devid(modid, static_cast<uint32_t>(e->devid), nullptr);
-}
-
-int dpm_get_uc_oif_by_entry(uint32_t modid, const dpm_modid_info *e, dpm_uc_route_memo *memo) {
-    return dpm_get_uc_oif_by_devid(modid, static_cast<uint32_t>(e->devid), memo);
+    return dpm_get_uc_oif_by_devid(modid, static_cast<uint32_t>(e->devid));
 }
 
 int dpm_uc_balance_for_modid_add(dpm_modid_info *entry) {

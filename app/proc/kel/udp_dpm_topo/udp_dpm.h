@@ -67,12 +67,16 @@ bool udp_dpm_log_on(int level);
 void udp_dpm_log(int level, const char *file, const char *func, long line, const char *fmt, ...)
     __attribute__((format(printf, 5, 6)));
 
-// Level 0 lets only fatal messages through; that much of the gate is tested
+// Level 0 lets only fatal messages through. That much of the gate is tested
 // in place, so that a quiet module pays no call for each message it drops.
-#define DPM_LOG_AT(level, func, ...)                                                          \
-    do {                                                                                      \
-        if (((level) >= XN_ZLOG_FATAL || g_udp_dpm_zlog_level != 0) && udp_dpm_log_on(level)) \
-            udp_dpm_log(level, __FILE__, func, __LINE__, __VA_ARGS__);                        \
+inline bool udp_dpm_log_quiet(void) {
+    return g_udp_dpm_zlog_level == 0;
+}
+
+#define DPM_LOG_AT(level, func, ...)                                                     \
+    do {                                                                                 \
+        if (((level) >= XN_ZLOG_FATAL || !udp_dpm_log_quiet()) && udp_dpm_log_on(level)) \
+            udp_dpm_log(level, __FILE__, func, __LINE__, __VA_ARGS__);                   \
     } while (0)
 
 #define DPM_INFO(...) DPM_LOG_AT(XN_ZLOG_INFO, __func__, __VA_ARGS__)
@@ -553,15 +557,27 @@ int dpm_calc_kel_cfg_by_dtm(void);
 // ============================================================================
 
 int dpm_get_uc_oif_by_modid(uint32_t modid);
-// Routes found so far in the newest map, by destination device: a walk over
-// many module ids under one map looks each device's route up once.
+// The route lookup of that module id's device; `modid` only names it in the
+// messages.
+int dpm_get_uc_oif_by_devid(uint32_t modid, uint32_t devid);
+// The lookups of a walk over many module ids under one map, by device.
 struct dpm_uc_route_memo {
     bool known[DPM_DEVID_MAX] = {};
-    const dpm_fib_entry *route[DPM_DEVID_MAX] = {};
+    int oif[DPM_DEVID_MAX] = {};
 };
-// dpm_get_uc_oif_by_modid for module id `modid` whose entry `e` is at hand,
-// with the memo of the walk: the same result and the same messages.
-int dpm_get_uc_oif_by_entry(uint32_t modid, const dpm_modid_info *e, dpm_uc_route_memo *memo);
+// dpm_get_uc_oif_by_modid for module id `modid` whose entry `e` is at hand.
+// Every message of the lookup is at error level and its answer depends on the
+// device alone: while error messages are off, a device looked up before in
+// the walk gives its answer again without the lookup.
+inline int dpm_get_uc_oif_by_entry(uint32_t modid, const dpm_modid_info *e,
+                                   dpm_uc_route_memo *memo) {
+    const auto devid = static_cast<uint32_t>(e->devid);
+    if (devid >= DPM_DEVID_MAX) return dpm_get_uc_oif_by_devid(modid, devid);
+    if (memo->known[devid] && udp_dpm_log_quiet()) return memo->oif[devid];
+    memo->oif[devid] = dpm_get_uc_oif_by_devid(modid, devid);
+    memo->known[devid] = true;
+    return memo->oif[devid];
+}
 int dpm_uc_balance_for_modid_add(dpm_modid_info *entry);
 int dpm_uc_balance_for_modid_del(dpm_modid_info *entry);
 void dpm_restore_vsl_lb_ptr(void);
