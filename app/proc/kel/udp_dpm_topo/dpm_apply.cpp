@@ -151,6 +151,12 @@ int dpm_apply_ap_cfg(int apid) {
 // Claim `m` for port `vsl` in the rebuilt unicast list.
 void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
     DPM_INFO("enter");
+    // The port's values, read once: the entries written below cannot be the
+    // port, but the compiler cannot know that.
+    const auto apid = static_cast<uint32_t>(vsl->apid);
+    const auto lport = static_cast<uint32_t>(vsl->lport);
+    const uint32_t peer = vsl->peer_chip;
+    bool clean = true;
     for (int w = static_cast<int>(vsl->modid_bmp.size()) - 1; w >= 0; --w) {
         uint32_t word = vsl->modid_bmp[static_cast<size_t>(w)];
         while (word != 0) {
@@ -158,18 +164,16 @@ void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
             word &= ~(1U << bit);
             uint32_t m = static_cast<uint32_t>(w) * 32 + bit;
             dpm_uc_info *uc = dpm_uc_index[m];
-            uint32_t apid = static_cast<uint32_t>(vsl->apid);
-            uint32_t lport = static_cast<uint32_t>(vsl->lport);
             if (uc != nullptr) {
                 // Already claimed in this rebuild: a second port holds it too.
-                if (uc->expire == 0) dpm_uc_last.clean = false;
+                if (uc->expire == 0) clean = false;
                 uc->expire = 0;
                 if (uc->localmodid != local || uc->lport != lport || uc->apid != apid ||
-                    uc->peer_modid != vsl->peer_chip) {
+                    uc->peer_modid != peer) {
                     uc->localmodid = local;
                     uc->lport = lport;
                     uc->apid = apid;
-                    uc->peer_modid = vsl->peer_chip;
+                    uc->peer_modid = peer;
                     uc->apply = 0;
                 }
                 continue;
@@ -177,18 +181,19 @@ void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
             uc = dpm_zalloc<dpm_uc_info>();
             if (uc == nullptr) {
                 DPM_ERR("can not alloc memory, modid:%d!", m);
-                dpm_uc_last.clean = false;
+                clean = false;
                 continue;
             }
             uc->dstmodid = m;
             uc->localmodid = local;
             uc->lport = lport;
             uc->apid = apid;
-            uc->peer_modid = vsl->peer_chip;
+            uc->peer_modid = peer;
             dpm_list_add_tail(&uc->link, &dpm_uc_head);
             dpm_uc_index[m] = uc;
         }
     }
+    if (!clean) dpm_uc_last.clean = false;
 }
 
 void dpm_set_expire_uc_balance_flag(void) {
