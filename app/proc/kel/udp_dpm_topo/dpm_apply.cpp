@@ -190,6 +190,7 @@ void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
             uc->apid = apid;
             uc->peer_modid = peer;
             dpm_list_add_tail(&uc->link, &dpm_uc_head);
+            dpm_uc_list_gen++;
             dpm_uc_index[m] = uc;
         }
     }
@@ -250,6 +251,7 @@ void dpm_expire_uc_balance(void) {
         if (uc->expire == 0 && uc->apply == 0) dpm_uc_last.unwritten++;
         if (uc->expire == 0) continue;
         dpm_list_del(&uc->link);
+        dpm_uc_list_gen++;
         if (dpm_modid_valid(uc->dstmodid) && dpm_uc_index[uc->dstmodid] == uc) {
             dpm_uc_index[uc->dstmodid] = nullptr;
         }

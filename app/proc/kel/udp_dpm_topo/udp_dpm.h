@@ -364,6 +364,9 @@ extern dpm_vslap_cache_t dpm_vslap_cache;
 extern dpm_vslap_cache_t dpm_vslap_unused_cache;
 extern dpm_dtm_cache_t dpm_dtm_cache;
 extern dpm_list dpm_uc_head;
+// Bumped whenever the module links or unlinks a unicast entry outside the
+// read-back (dpm_topo_watch.cpp keeps an index over the list while it holds).
+extern uint32_t dpm_uc_list_gen;
 extern dpm_srcmod_filter dpm_igr_permit[DPM_APID_SLOTS];
 extern dpm_srcmod_filter dpm_egr_block[DPM_APID_SLOTS];
 extern dpm_srcmod_filter dpm_igr_permit_applied[DPM_APID_SLOTS];
