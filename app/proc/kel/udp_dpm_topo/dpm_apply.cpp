@@ -157,6 +157,7 @@ void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
     const auto lport = static_cast<uint32_t>(vsl->lport);
     const uint32_t peer = vsl->peer_chip;
     bool clean = true;
+    bool linked = false;
     for (int w = static_cast<int>(vsl->modid_bmp.size()) - 1; w >= 0; --w) {
         uint32_t word = vsl->modid_bmp[static_cast<size_t>(w)];
         while (word != 0) {
@@ -190,11 +191,12 @@ void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
             uc->apid = apid;
             uc->peer_modid = peer;
             dpm_list_add_tail(&uc->link, &dpm_uc_head);
-            dpm_uc_list_gen++;
+            linked = true;
             dpm_uc_index[m] = uc;
         }
     }
     if (!clean) dpm_uc_last.clean = false;
+    if (linked) dpm_uc_list_gen++;
 }
 
 void dpm_set_expire_uc_balance_flag(void) {
