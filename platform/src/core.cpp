@@ -35,9 +35,10 @@ std::optional<int> fault(const char *op, int db) {
     return std::nullopt;
 }
 
-void enqueue(std::function<void()> fn, uint64_t sub_id, uint64_t timer_id, bool front) {
+void enqueue(std::function<void()> fn, uint64_t sub_id, uint64_t timer_id, bool front,
+             bool deletion) {
     State &s = st();
-    QueueItem item{std::move(fn), sub_id, timer_id};
+    QueueItem item{std::move(fn), sub_id, timer_id, deletion};
     if (!front) {
         s.queue.push_back(std::move(item));
         return;

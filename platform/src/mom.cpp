@@ -12,7 +12,8 @@
 // again to the same database and type with the same handler, the subscription
 // goes on where it was: it delivers every write and deletion it missed, once,
 // in write order, then the data-sync request. A subscription the callback does
-// not make again is dropped with what it missed. Any other reconnect type
+// not make again stays away until the process makes it again (later, e.g. when
+// a data sync ends), and resumes the same way then. Any other reconnect type
 // drops the session's subscriptions at once.
 #include <cstdio>
 #include <cstdlib>
@@ -65,7 +66,7 @@ void queue_event(const ProtobufCMessageDescriptor *desc, xn_mom_event_cb_t cb, v
             cb(client, &msg);
             if (rec != nullptr) protobuf_c_message_free_unpacked(rec, nullptr);
         },
-        sub_id, 0, front);
+        sub_id, 0, front, cmd == XN_MOM_CMD_DEL);
 }
 
 void deliver(Subscription &sub, int cmd, std::string packed, bool front) {
@@ -219,9 +220,18 @@ int xn_mom_subscribe(void *client, int db, const ProtobufCMessage *tmpl, int fla
     // Subscribing again to the same type with the same handler replaces the
     // earlier subscription: a repeated connect must not get every later event
     // twice.
-    platform::drop_subs([&](const platform::Subscription &old) {
+    // Deletions it still had queued (a resumed subscription's missed ones) are
+    // not in the stored records the new one starts from: they go to the new one.
+    auto replaced = [&](const platform::Subscription &old) {
         return old.db == db && old.type == sub.type && old.cb == cb && old.client == client;
-    });
+    };
+    for (const platform::Subscription &old : s.subs) {
+        if (!replaced(old)) continue;
+        for (platform::QueueItem &item : s.queue) {
+            if (item.sub_id == old.id && item.deletion) item.sub_id = sub.id;
+        }
+    }
+    platform::drop_subs(replaced);
     if (!platform::store().subscribe(s.module_member, sub)) {
         // Nothing half delivered: what the snapshot queued goes with it.
         const uint64_t id = sub.id;
@@ -340,12 +350,13 @@ void db_reconnect(int db, int type) {
         platform::drop_subs(stale);
         return;
     }
+    // A subscription the callback does not make again stays away, keeping
+    // what it misses, until the process makes it again: the module makes
+    // some of its subscriptions later than its reconnect callback (when a
+    // data sync ends), and a deletion missed meanwhile must still reach them.
     xn_mom_reconn_cb_t cb = s.reconn_cb;
     void *client = s.client != nullptr ? s.client : host_handle();
-    platform::enqueue([cb, client, db, type, stale] {
-        cb(client, db, type);
-        platform::drop_subs(stale);
-    });
+    platform::enqueue([cb, client, db, type] { cb(client, db, type); });
 }
 
 bool db_connected(int db) {

@@ -117,6 +117,7 @@ struct QueueItem {
     std::function<void()> fn;
     uint64_t sub_id = 0;    // subscription the event is for (0: none)
     uint64_t timer_id = 0;  // timer that became due (0: none)
+    bool deletion = false;  // a record deletion event
 };
 
 struct Timer {
@@ -198,7 +199,7 @@ std::optional<int> fault(const char *op, int db = -1);
 // front: run right after the item being delivered (and after what it put in
 // front before), e.g. the events a store fetched in place of a placeholder.
 void enqueue(std::function<void()> fn, uint64_t sub_id = 0, uint64_t timer_id = 0,
-             bool front = false);
+             bool front = false, bool deletion = false);
 
 // Persist the databases when a file is attached. Inside a callback the save
 // waits until the callback returns (or the process exits), so that a burst of

@@ -136,9 +136,11 @@ void check_mmc(Report &r) {
         if (want && list.empty()) {
             r.add("mainmc_vlan apid %d: choice modid %u has no record", apid, mmc.modid);
         }
-        // A confirmation the module holds is in TOPO_DB.
+        // A confirmation the module holds is in TOPO_DB, as far as the module
+        // can know: while its TOPO_DB session is down, no deletion reaches it.
         const dpm_mmc_info &back = dpm_mmc_back[apid];
-        if (back.valid && answers.count({static_cast<uint32_t>(apid), back.modid}) == 0) {
+        if (back.valid && platform::db_connected(XN_MOM_TOPO_DB) &&
+            answers.count({static_cast<uint32_t>(apid), back.modid}) == 0) {
             r.add("mainmc_vlan_st apid %d: confirmed modid %u has no record", apid, back.modid);
         }
     }
