@@ -34,7 +34,7 @@ RecordArg record_arg(Cursor &c, bool end) {
     return r;
 }
 
-std::string stored_text(const platform::StoredRecord &s) {
+std::string stored_text(const platform::Record &s) {
     const pb::Descriptor *d = pb::DescriptorPool::generated_pool()->FindMessageTypeByName(s.type);
     std::unique_ptr<pb::Message> m = d != nullptr ? unpack_record(d, s.packed) : nullptr;
     if (m == nullptr) {

@@ -30,7 +30,7 @@ struct RecordArg {
 RecordArg record_arg(Cursor &c, bool end = true);
 
 // "TYPE { short text }", or a note that the bytes do not decode.
-std::string stored_text(const platform::StoredRecord &s);
+std::string stored_text(const platform::Record &s);
 
 int32_t int_arg(Cursor &c, const char *what);
 uint32_t uint_arg(Cursor &c, const char *what);
