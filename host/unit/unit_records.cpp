@@ -2,7 +2,7 @@
 #include "unit_records.h"
 
 #include "platform_ctl.h"
-#include "records.h"
+#include "record_text.h"
 
 namespace unit {
 

@@ -14,7 +14,7 @@
 #include "lexer.h"
 #include "module_fixture.h"
 #include "picture.h"
-#include "records.h"
+#include "record_text.h"
 #include "u_cluster.pb.h"
 
 namespace {
