@@ -81,7 +81,16 @@ void xndf_zlog(void *category, const char *file, size_t filelen, const char *fun
     if (category == nullptr || format == nullptr) return;
     va_list ap;
     va_start(ap, format);
-    std::string text = vformat(format, ap);
+    // The module hands over every line already formatted, as "%s" and its
+    // buffer: that needs no formatting pass of ours (glibc prints a null
+    // string as "(null)").
+    std::string text;
+    if (std::strcmp(format, "%s") == 0) {
+        const char *s = va_arg(ap, const char *);
+        text = s != nullptr ? s : "(null)";
+    } else {
+        text = vformat(format, ap);
+    }
     va_end(ap);
     platform::LogLine l{level, bounded(file, filelen), bounded(func, funclen), line,
                         std::move(text)};

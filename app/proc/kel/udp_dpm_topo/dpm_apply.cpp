@@ -42,6 +42,54 @@ void dpm_for_each_modid(const dpm_modid_bmp &bmp, Fn fn) {
 // instead of being kept beside it.
 dpm_uc_info *dpm_uc_index[DPM_MODID_MAX];
 
+// The last rebuild of the unicast list, as the writes have left it since.
+// A clean rebuild (every port's local module id known, every entry at hand,
+// no module id claimed by two ports) leaves exactly one entry per claimed
+// module id, already holding that port's values; run again over the same
+// ports it would change nothing.
+struct dpm_uc_rebuild {
+    bool clean;
+    uint32_t unwritten;  // entries whose apply flag is 0
+};
+dpm_uc_rebuild dpm_uc_last;
+
+// One application pass (dpm_apply_kel_cfg) applies the devices one after the
+// other, and nothing in between touches the VSL ports, the unicast list (but
+// for the apply flags its writes set) or the module-id cache: no callback runs
+// inside a pass. So within a pass a clean rebuild need not be repeated for the
+// next device, and which module ids have an entry is worked out once.
+struct dpm_apply_pass {
+    bool active;
+    bool uc_current;    // a clean rebuild ran in this pass
+    bool cached_known;  // `cached` holds the module-id cache of this pass
+    dpm_modid_bmp cached;
+};
+dpm_apply_pass dpm_pass;
+
+// Module ids that have a module-id entry, one bit each.
+void dpm_fill_cached_modids(dpm_modid_bmp &cached) {
+    for (uint32_t w = 0; w < cached.size(); ++w) {
+        uint32_t word = 0;
+        for (uint32_t b = 0; b < 32; ++b) {
+            if (dpm_modid_index[w * 32 + b] != nullptr) word |= 1U << b;
+        }
+        cached[w] = word;
+    }
+}
+
+// The pass's bitmap of cached module ids; outside a pass it is made afresh.
+const dpm_modid_bmp &dpm_cached_modids(dpm_modid_bmp &scratch) {
+    if (!dpm_pass.active) {
+        dpm_fill_cached_modids(scratch);
+        return scratch;
+    }
+    if (!dpm_pass.cached_known) {
+        dpm_fill_cached_modids(dpm_pass.cached);
+        dpm_pass.cached_known = true;
+    }
+    return dpm_pass.cached;
+}
+
 int dpm_apply_ap_cfg(int apid) {
     udp_dpm_time_record(DPM_T_AP_CFG, apid);
     dpm_vslap_entry *ap = &dpm_vslap_cache.ap[apid];
@@ -104,6 +152,13 @@ int dpm_apply_ap_cfg(int apid) {
 // Claim `m` for port `vsl` in the rebuilt unicast list.
 void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
     DPM_INFO("enter");
+    // The port's values, read once: the entries written below cannot be the
+    // port, but the compiler cannot know that.
+    const auto apid = static_cast<uint32_t>(vsl->apid);
+    const auto lport = static_cast<uint32_t>(vsl->lport);
+    const uint32_t peer = vsl->peer_chip;
+    bool clean = true;
+    bool linked = false;
     for (int w = static_cast<int>(vsl->modid_bmp.size()) - 1; w >= 0; --w) {
         uint32_t word = vsl->modid_bmp[static_cast<size_t>(w)];
         while (word != 0) {
@@ -111,16 +166,16 @@ void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
             word &= ~(1U << bit);
             uint32_t m = static_cast<uint32_t>(w) * 32 + bit;
             dpm_uc_info *uc = dpm_uc_index[m];
-            uint32_t apid = static_cast<uint32_t>(vsl->apid);
-            uint32_t lport = static_cast<uint32_t>(vsl->lport);
             if (uc != nullptr) {
+                // Already claimed in this rebuild: a second port holds it too.
+                if (uc->expire == 0) clean = false;
                 uc->expire = 0;
                 if (uc->localmodid != local || uc->lport != lport || uc->apid != apid ||
-                    uc->peer_modid != vsl->peer_chip) {
+                    uc->peer_modid != peer) {
                     uc->localmodid = local;
                     uc->lport = lport;
                     uc->apid = apid;
-                    uc->peer_modid = vsl->peer_chip;
+                    uc->peer_modid = peer;
                     uc->apply = 0;
                 }
                 continue;
@@ -128,17 +183,21 @@ void dpm_adjust_uc_by_vsllb(const dpm_vsl_info *vsl, uint32_t local) {
             uc = dpm_zalloc<dpm_uc_info>();
             if (uc == nullptr) {
                 DPM_ERR("can not alloc memory, modid:%d!", m);
+                clean = false;
                 continue;
             }
             uc->dstmodid = m;
             uc->localmodid = local;
             uc->lport = lport;
             uc->apid = apid;
-            uc->peer_modid = vsl->peer_chip;
+            uc->peer_modid = peer;
             dpm_list_add_tail(&uc->link, &dpm_uc_head);
+            linked = true;
             dpm_uc_index[m] = uc;
         }
     }
+    if (!clean) dpm_uc_last.clean = false;
+    if (linked) dpm_uc_list_gen++;
 }
 
 void dpm_set_expire_uc_balance_flag(void) {
@@ -161,6 +220,7 @@ void dpm_convert_vsllb_to_uc_by_vsl(int apid) {
         if (local < 0) {
             DPM_ERR("get vsl modid fail, %d-%d-%d-%d", vsl->devid, vsl->slot, vsl->sslot,
                     vsl->lport);
+            dpm_uc_last.clean = false;
             continue;
         }
         dpm_adjust_uc_by_vsllb(vsl, static_cast<uint32_t>(local));
@@ -169,6 +229,7 @@ void dpm_convert_vsllb_to_uc_by_vsl(int apid) {
 
 void dpm_convert_vsllb_to_uc(void) {
     DPM_INFO("enter");
+    dpm_uc_last.clean = true;
     dpm_set_expire_uc_balance_flag();
     for (int apid = DPM_APID_MIN; apid <= DPM_APID_MAX; ++apid) {
         if (dpm_vslap_cache.ap[apid].vsl_cnt != 0) dpm_convert_vsllb_to_uc_by_vsl(apid);
@@ -188,9 +249,12 @@ void dpm_expire_uc_balance(void) {
     DPM_INFO("enter");
     dpm_uc_info *uc = nullptr;
     dpm_uc_info *next = nullptr;
+    dpm_uc_last.unwritten = 0;
     dpm_list_for_each_entry_safe(uc, next, &dpm_uc_head, link) {
+        if (uc->expire == 0 && uc->apply == 0) dpm_uc_last.unwritten++;
         if (uc->expire == 0) continue;
         dpm_list_del(&uc->link);
+        dpm_uc_list_gen++;
         if (dpm_modid_valid(uc->dstmodid) && dpm_uc_index[uc->dstmodid] == uc) {
             dpm_uc_index[uc->dstmodid] = nullptr;
         }
@@ -214,8 +278,16 @@ int dpm_set_uc_to_db(const dpm_uc_info *uc) {
 
 int dpm_apply_uc_by_devid(dpm_dev_head *dev) {
     DPM_INFO("enter, devid:%d", dev->devid);
-    dpm_convert_vsllb_to_uc();
-    dpm_expire_uc_balance();
+    // The rebuild logs its steps at info level: with those messages on it
+    // always runs, so that every device's application logs them.
+    if (!dpm_pass.uc_current || udp_dpm_log_on(XN_ZLOG_INFO)) {
+        dpm_convert_vsllb_to_uc();
+        dpm_expire_uc_balance();
+        dpm_pass.uc_current = dpm_pass.active && dpm_uc_last.clean;
+    }
+    // Only entries not yet written (or, under the expire flag, every entry)
+    // are written: with none of them the walk would find nothing to do.
+    if (dpm_uc_last.unwritten == 0 && is_exprire_mom_flag == 0) return DPM_OK;
     dpm_uc_info *uc = nullptr;
     dpm_list_for_each_entry(uc, &dpm_uc_head, link) {
         if (!dpm_bmp_test(dev->modid_bmp, uc->dstmodid)) continue;
@@ -227,6 +299,7 @@ int dpm_apply_uc_by_devid(dpm_dev_head *dev) {
             return DPM_ERR_FAIL;
         }
         DPM_INFO("set uc to mom, rv is 0!");
+        if (uc->apply == 0) dpm_uc_last.unwritten--;
         uc->apply = 1;
     }
     return DPM_OK;
@@ -277,13 +350,16 @@ int dpm_set_egr_to_db(uint32_t devid, int apid, const dpm_modid_bmp &bmp) {
 void dpm_apply_igr_for_del_modid(int apid) {
     dpm_modid_bmp &permit = dpm_igr_permit[apid].modid_bmp;
     dpm_modid_bmp &applied = dpm_igr_permit_applied[apid].modid_bmp;
-    dpm_modid_bmp either = permit;
-    dpm_bmp_or(either, applied);
+    // Only the module ids without an entry matter: the bitmap of those that
+    // have one leaves exactly them to walk, in ascending order.
+    dpm_modid_bmp scratch;
+    const dpm_modid_bmp &cached = dpm_cached_modids(scratch);
+    dpm_modid_bmp gone;
+    for (size_t w = 0; w < gone.size(); ++w) gone[w] = (permit[w] | applied[w]) & ~cached[w];
     // Logged under this function's name: inside the lambda __func__ would
     // name the call operator.
     static constexpr const char *fn = "dpm_apply_igr_for_del_modid";
-    dpm_for_each_modid(either, [&](uint32_t m) {
-        if (dpm_find_modid_info(m) != nullptr) return;
+    dpm_for_each_modid(gone, [&](uint32_t m) {
         DPM_ERR_FN(fn, "can't find modid %d info!", m);
         dpm_bmp_clear(permit, m);
         if (!dpm_bmp_test(applied, m)) return;
@@ -362,8 +438,10 @@ int dpm_apply_egr_by_devid(dpm_dev_head *dev, int apid) {
     // a difference brings the whole bitmap up to date.
     dpm_modid_bmp either = want.modid_bmp;
     dpm_bmp_or(either, applied);
+    dpm_modid_bmp scratch;
+    const dpm_modid_bmp &cached = dpm_cached_modids(scratch);
     dpm_for_each_modid(either, [&](uint32_t m) {
-        if (dpm_find_modid_info(m) == nullptr) {
+        if (!dpm_bmp_test(cached, m)) {
             dpm_bmp_clear(applied, m);
             changed = true;
             return;
@@ -453,6 +531,8 @@ int dpm_apply_kel_cfg(void) {
     udp_dpm_time_record(DPM_T_APPLY_CFG, 0);
     dpm_apply_ap_cfg(1);
     dpm_apply_ap_cfg(2);
+    dpm_pass = dpm_apply_pass{};
+    dpm_pass.active = true;
 
     uint32_t my_state = dpm_get_my_fwd_state();
     udp_dpm_time_record(DPM_T_UC_CFG, static_cast<int32_t>(my_state));
@@ -464,6 +544,7 @@ int dpm_apply_kel_cfg(void) {
         }
         dpm_apply_kel_cfg_by_devid(dev);
     }
+    dpm_pass = dpm_apply_pass{};
 
     if (dpm_dtm_cache.hwcfg == nullptr && dpm_have_my_vsl_chip()) dpm_update_my_fwd_state(0);
     dpm_set_hwcfg(dpm_dtm_cache.newest);

@@ -102,8 +102,6 @@ void dpm_restore_vsl_lb_in_ap(int apid) {
     }
 }
 
-namespace {
-
 // The unicast route of this member towards `devid`: its out-interface.
 int dpm_get_uc_oif_by_devid(uint32_t modid, uint32_t devid) {
     DPM_ERR("devid:%d", devid);
@@ -127,8 +125,6 @@ int dpm_get_uc_oif_by_devid(uint32_t modid, uint32_t devid) {
     DPM_ERR("can't find uc oif for modid:%d, devid:%d!", modid, devid);
     return DPM_ERR_FAIL;
 }
-
-}  // namespace
 
 int dpm_get_uc_oif_by_modid(uint32_t modid) {
     dpm_modid_info *e = dpm_modid_valid(modid) ? dpm_find_modid_info(modid) : nullptr;

@@ -13,6 +13,7 @@ dpm_vslap_cache_t dpm_vslap_cache;
 dpm_vslap_cache_t dpm_vslap_unused_cache;
 dpm_dtm_cache_t dpm_dtm_cache;
 dpm_list dpm_uc_head;
+uint32_t dpm_uc_list_gen;
 dpm_srcmod_filter dpm_igr_permit[DPM_APID_SLOTS];
 dpm_srcmod_filter dpm_egr_block[DPM_APID_SLOTS];
 dpm_srcmod_filter dpm_igr_permit_applied[DPM_APID_SLOTS];
@@ -112,6 +113,7 @@ void dpm_cache_init(void) {
     dpm_modid_dev_cache_init();
 
     dpm_list_free_all<dpm_uc_info>(&dpm_uc_head);
+    dpm_uc_list_gen++;
     dpm_list_free_all<dpm_vsl_chip>(&dpm_vsl_chip_head);
     dpm_list_free_all<dpm_mod_event>(&dpm_gslot_head);
 

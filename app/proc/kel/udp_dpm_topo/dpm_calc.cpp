@@ -172,11 +172,25 @@ int dpm_set_modid_info_used(uint32_t modid) {
     return DPM_OK;
 }
 
+namespace {
+
+// dpm_set_modid_info_used for an entry already at hand (the walk below has
+// just looked it up, and the second lookup would find the same entry).
+void dpm_set_modid_entry_used(dpm_modid_info *e) {
+    DPM_INFO_FN("dpm_set_modid_info_used", "enter");
+    e->is_used = 1;
+}
+
+}  // namespace
+
 // Keep the module ids of one aggregate port whose route still leaves through
 // it; take off the ones whose route moved away or vanished.
 void dpm_adjust_cur_uc_in_ap(int apid) {
     DPM_INFO("enter, apid:%d", apid);
     if (!dpm_apid_valid(apid)) return;
+    // The map does not change during the walk: each device's route is looked
+    // up in it once.
+    dpm_uc_route_memo routes;
     dpm_vsl_info *vsl = nullptr;
     dpm_list_for_each_entry(vsl, &dpm_vslap_cache.ap[apid].vsl_list, link) {
         for (uint32_t w = 0; w < vsl->modid_bmp.size(); ++w) {
@@ -191,7 +205,7 @@ void dpm_adjust_cur_uc_in_ap(int apid) {
                     continue;
                 }
                 bool counts = static_cast<uint32_t>(e->type) != DPM_NODE_MB;
-                int oif = dpm_get_uc_oif_by_modid(m);
+                int oif = dpm_get_uc_oif_by_entry(m, e, &routes);
                 if (oif < 0) {
                     DPM_ERR("can't find uc oif for modid:%d", m);
                     if (counts && vsl->modid_cnt > 0) vsl->modid_cnt--;
@@ -202,7 +216,7 @@ void dpm_adjust_cur_uc_in_ap(int apid) {
                     if (counts && vsl->modid_cnt > 0) vsl->modid_cnt--;
                     dpm_bmp_clear(vsl->modid_bmp, m);
                 } else {
-                    dpm_set_modid_info_used(m);
+                    dpm_set_modid_entry_used(e);
                 }
             }
         }

@@ -29,12 +29,63 @@ static int dpm_watch_scan_over(uint8_t *flag, int32_t event) {
 // Unicast balance read-back
 // ---------------------------------------------------------------------------
 
+// Module id -> its first unicast entry. A restart reads back one record per
+// destination, and a walk of the list for each would cost the square of their
+// number. The index holds while the list is as the read-back last left it:
+// the module's other changes bump dpm_uc_list_gen, and an entry linked at the
+// tail by anyone else moves the tail.
+namespace {
+
+struct dpm_uc_lookup {
+    bool valid;
+    uint32_t gen;
+    const dpm_list *tail;
+    dpm_uc_info *first[DPM_MODID_MAX];
+};
+dpm_uc_lookup s_uc_lookup;
+
+bool dpm_uc_lookup_holds(void) {
+    return s_uc_lookup.valid && s_uc_lookup.gen == dpm_uc_list_gen &&
+           s_uc_lookup.tail == dpm_uc_head.prev;
+}
+
+void dpm_uc_lookup_build(void) {
+    dpm_uc_lookup &l = s_uc_lookup;
+    std::memset(static_cast<void *>(l.first), 0, sizeof l.first);
+    dpm_uc_info *uc = nullptr;
+    dpm_list_for_each_entry(uc, &dpm_uc_head, link) {
+        if (dpm_modid_valid(uc->dstmodid) && l.first[uc->dstmodid] == nullptr) {
+            l.first[uc->dstmodid] = uc;
+        }
+    }
+    l.valid = true;
+    l.gen = dpm_uc_list_gen;
+    l.tail = dpm_uc_head.prev;
+}
+
+}  // namespace
+
 static dpm_uc_info *dpm_find_uc_info(uint32_t dstmodid) {
+    if (dpm_modid_valid(dstmodid)) {
+        if (!dpm_uc_lookup_holds()) dpm_uc_lookup_build();
+        return s_uc_lookup.first[dstmodid];
+    }
     dpm_uc_info *uc = nullptr;
     dpm_list_for_each_entry(uc, &dpm_uc_head, link) {
         if (uc->dstmodid == dstmodid) return uc;
     }
     return nullptr;
+}
+
+// A new entry at the tail: the index takes it if it held until now.
+static void dpm_uc_lookup_add_tail(dpm_uc_info *uc) {
+    const bool held = dpm_uc_lookup_holds();
+    dpm_list_add_tail(&uc->link, &dpm_uc_head);
+    if (!held) return;
+    s_uc_lookup.tail = &uc->link;
+    if (dpm_modid_valid(uc->dstmodid) && s_uc_lookup.first[uc->dstmodid] == nullptr) {
+        s_uc_lookup.first[uc->dstmodid] = uc;
+    }
 }
 
 static void dpm_proc_uc_balance_info(const UCluster__KelUcBalance *rec) {
@@ -50,7 +101,7 @@ static void dpm_proc_uc_balance_info(const UCluster__KelUcBalance *rec) {
             return;
         }
         uc->dstmodid = modid;
-        dpm_list_add_tail(&uc->link, &dpm_uc_head);
+        dpm_uc_lookup_add_tail(uc);
     }
     // Held until the next rebuild of the unicast list confirms or deletes it.
     uc->expire = 1;

@@ -67,9 +67,16 @@ bool udp_dpm_log_on(int level);
 void udp_dpm_log(int level, const char *file, const char *func, long line, const char *fmt, ...)
     __attribute__((format(printf, 5, 6)));
 
-#define DPM_LOG_AT(level, func, ...)                                                          \
-    do {                                                                                      \
-        if (udp_dpm_log_on(level)) udp_dpm_log(level, __FILE__, func, __LINE__, __VA_ARGS__); \
+// Level 0 lets only fatal messages through. That much of the gate is tested
+// in place, so that a quiet module pays no call for each message it drops.
+inline bool udp_dpm_log_quiet(void) {
+    return g_udp_dpm_zlog_level == 0;
+}
+
+#define DPM_LOG_AT(level, func, ...)                                                     \
+    do {                                                                                 \
+        if (((level) >= XN_ZLOG_FATAL || !udp_dpm_log_quiet()) && udp_dpm_log_on(level)) \
+            udp_dpm_log(level, __FILE__, func, __LINE__, __VA_ARGS__);                   \
     } while (0)
 
 #define DPM_INFO(...) DPM_LOG_AT(XN_ZLOG_INFO, __func__, __VA_ARGS__)
@@ -357,6 +364,9 @@ extern dpm_vslap_cache_t dpm_vslap_cache;
 extern dpm_vslap_cache_t dpm_vslap_unused_cache;
 extern dpm_dtm_cache_t dpm_dtm_cache;
 extern dpm_list dpm_uc_head;
+// Bumped whenever the module links or unlinks a unicast entry outside the
+// read-back (dpm_topo_watch.cpp keeps an index over the list while it holds).
+extern uint32_t dpm_uc_list_gen;
 extern dpm_srcmod_filter dpm_igr_permit[DPM_APID_SLOTS];
 extern dpm_srcmod_filter dpm_egr_block[DPM_APID_SLOTS];
 extern dpm_srcmod_filter dpm_igr_permit_applied[DPM_APID_SLOTS];
@@ -550,6 +560,27 @@ int dpm_calc_kel_cfg_by_dtm(void);
 // ============================================================================
 
 int dpm_get_uc_oif_by_modid(uint32_t modid);
+// The route lookup of that module id's device; `modid` only names it in the
+// messages.
+int dpm_get_uc_oif_by_devid(uint32_t modid, uint32_t devid);
+// The lookups of a walk over many module ids under one map, by device.
+struct dpm_uc_route_memo {
+    bool known[DPM_DEVID_MAX] = {};
+    int oif[DPM_DEVID_MAX] = {};
+};
+// dpm_get_uc_oif_by_modid for module id `modid` whose entry `e` is at hand.
+// Every message of the lookup is at error level and its answer depends on the
+// device alone: while error messages are off, a device looked up before in
+// the walk gives its answer again without the lookup.
+inline int dpm_get_uc_oif_by_entry(uint32_t modid, const dpm_modid_info *e,
+                                   dpm_uc_route_memo *memo) {
+    const auto devid = static_cast<uint32_t>(e->devid);
+    if (devid >= DPM_DEVID_MAX) return dpm_get_uc_oif_by_devid(modid, devid);
+    if (memo->known[devid] && udp_dpm_log_quiet()) return memo->oif[devid];
+    memo->oif[devid] = dpm_get_uc_oif_by_devid(modid, devid);
+    memo->known[devid] = true;
+    return memo->oif[devid];
+}
 int dpm_uc_balance_for_modid_add(dpm_modid_info *entry);
 int dpm_uc_balance_for_modid_del(dpm_modid_info *entry);
 void dpm_restore_vsl_lb_ptr(void);
