@@ -5,7 +5,7 @@
 
 #include "module_state.h"
 #include "platform_ctl.h"
-#include "record_text.h"
+#include "record_builders.h"
 
 namespace {
 
@@ -117,7 +117,7 @@ BENCHMARK(BM_VslDownUp)->ArgName("level")->Arg(0)->Unit(benchmark::kMicrosecond)
 void BM_ModidAdd(benchmark::State &state) {
     setup_unit();
     // Free one module id so that it can come and go.
-    Record<SIntf__EvtModAlloc> rec(
+    FromText<SIntf__EvtModAlloc> rec(
         &s_intf__evt_mod_alloc__descriptor,
         fmt("index {devid: 2 slotid: %d unit: 1047} modid: 1047 node_type: %u", 1047 % 8 + 1,
             DPM_NODE_BOX));

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "record_text.h"
+#include "record_builders.h"
 #include "stress_unit.h"
 #include "u_cluster.pb-c.h"
 

@@ -13,7 +13,7 @@
 #include "host.h"
 #include "output_capture.h"
 #include "picture.h"
-#include "records.h"
+#include "record_text.h"
 #include "responder.h"
 
 namespace host {

@@ -1,11 +1,9 @@
 // Arguments the scenario commands share (see arguments.h).
 #include "arguments.h"
 
-#include "records.h"
+#include "record_text.h"
 
 namespace host {
-
-namespace pb = google::protobuf;
 
 std::string db_name(int db) {
     switch (db) {
@@ -32,16 +30,6 @@ RecordArg record_arg(Cursor &c, bool end) {
         throw ScriptError("cannot pack the " + r.type + " record");
     }
     return r;
-}
-
-std::string stored_text(const platform::StoredRecord &s) {
-    const pb::Descriptor *d = pb::DescriptorPool::generated_pool()->FindMessageTypeByName(s.type);
-    std::unique_ptr<pb::Message> m = d != nullptr ? unpack_record(d, s.packed) : nullptr;
-    if (m == nullptr) {
-        return s.type + " <" + std::to_string(s.packed.size()) + " bytes that do not decode>";
-    }
-    std::string t = short_text(*m);
-    return s.type + (t.empty() ? " { }" : " { " + t + " }");
 }
 
 int32_t int_arg(Cursor &c, const char *what) {

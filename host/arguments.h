@@ -1,5 +1,5 @@
 // Arguments the scenario commands share: database names, records with their
-// wire form, numbers, and the one-line text of a stored record.
+// wire form, numbers.
 #pragma once
 
 #include <cstdint>
@@ -28,9 +28,6 @@ struct RecordArg {
 
 // "TYPE {RECORD}" (and nothing after it when `end`).
 RecordArg record_arg(Cursor &c, bool end = true);
-
-// "TYPE { short text }", or a note that the bytes do not decode.
-std::string stored_text(const platform::StoredRecord &s);
 
 int32_t int_arg(Cursor &c, const char *what);
 uint32_t uint_arg(Cursor &c, const char *what);

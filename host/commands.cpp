@@ -34,7 +34,7 @@ const std::vector<Command> &Host::commands() {
         {"card", "  card add|del DEV/SLOT/SSLOT | card online DEV/SLOT/SSLOT yes|no\n",
          &Host::do_card, true},
         {"cmd", "  cmd NAME [INT...]                      a debug command of the module\n",
-         &Host::do_cmd, true},
+         &Host::do_cmd, true, true},
         {"show",
          "  show DB [TYPE]\n"
          "  show store                             the store: changes acknowledged, waiting,\n"

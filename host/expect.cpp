@@ -10,7 +10,7 @@
 #include "exit_watch.h"
 #include "host.h"
 #include "output_capture.h"
-#include "records.h"
+#include "record_text.h"
 
 namespace host {
 

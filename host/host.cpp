@@ -12,11 +12,9 @@
 
 #include "exit_watch.h"
 #include "output_capture.h"
-#include "records.h"
+#include "record_text.h"
 
 namespace host {
-
-namespace pb = google::protobuf;
 
 // ---- set-up ---------------------------------------------------------------------
 
@@ -52,13 +50,7 @@ Host::Host(const Options &opt) : oracle_(opt.oracle), pictures_dir_(opt.pictures
         if (platform::db_use_redis(ro, &error) != 0) {
             throw std::runtime_error("cannot use the Redis server " + opt.redis + ": " + error);
         }
-        // Beside the bytes, a text form for people reading the store.
-        platform::set_record_text([](const std::string &type, const std::string &packed) {
-            const pb::Descriptor *d =
-                pb::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
-            std::unique_ptr<pb::Message> m = d != nullptr ? unpack_record(d, packed) : nullptr;
-            return m != nullptr ? short_text(*m) : std::string();
-        });
+        keep_record_text();  // beside the bytes, for people reading the store
     }
     if (opt.member > 0) {
         platform::db_member(opt.member);

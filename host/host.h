@@ -49,6 +49,9 @@ struct Command {
     // An action: its output and log are kept for the expectations, and the
     // callback loop runs after it. The others (expect, print, help) leave both.
     bool action;
+    // Its first argument names a debug command of the module (the shell
+    // completes it from the module's table).
+    bool names_debug_command = false;
 };
 
 class Host {

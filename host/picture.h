@@ -31,7 +31,7 @@ enum class ProcessState { unknown, running, stopped, unreachable };
 // unit's UDP_DB, records of any other type or database are ignored.
 struct MemberView {
     uint32_t devid;
-    std::vector<platform::StoredRecord> records;
+    std::vector<platform::Record> records;
     ProcessState process = ProcessState::unknown;
 };
 

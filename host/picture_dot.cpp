@@ -21,21 +21,15 @@ namespace {
 std::string html(const std::string &s) {
     std::string out;
     for (char ch : s) {
-        switch (ch) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += static_cast<unsigned char>(ch) < 0x20 ? ' ' : ch;
+        const char *entity = ch == '&'   ? "&amp;"
+                             : ch == '<' ? "&lt;"
+                             : ch == '>' ? "&gt;"
+                             : ch == '"' ? "&quot;"
+                                         : nullptr;
+        if (entity != nullptr) {
+            out += entity;
+        } else {
+            out += static_cast<unsigned char>(ch) < 0x20 ? ' ' : ch;
         }
     }
     return out;
@@ -92,6 +86,19 @@ const char *const kDownFill = "#eeeeee";
 const char *const kFlag = "#d7301f";
 const char *const kFlagFill = "#fee0d2";
 const char *const kMainMc = "#2166ac";
+
+// Text in the colour of flagged records.
+std::string flag(const std::string &text) {
+    return "<font color=\"" + std::string(kFlag) + "\">" + text + "</font>";
+}
+
+// The attributes of an edge: flagged, down, up but not listed, or listed.
+std::string edge_style(bool flagged, bool up, bool listed) {
+    return flagged   ? std::string("color=\"") + kFlag + "\""
+           : !up     ? std::string("color=\"") + kDown + "\", style=dotted"
+           : !listed ? std::string("color=\"") + kWaiting + "\", style=dashed"
+                     : std::string("color=\"") + kListed + "\"";
+}
 
 // ---- drawing ---------------------------------------------------------------------
 
@@ -185,8 +192,7 @@ std::string Drawing::ap_cell(int64_t dev, int64_t apid, const ApFacts &ap) const
     }
     if (ap.mc.empty()) s += "<br/>main multicast: none";
     for (const auto &[mc, flagged] : ap.mc) {
-        s += "<br/>" + (flagged ? "<font color=\"" + std::string(kFlag) + "\">" : std::string()) +
-             "main multicast: " + mc + (flagged ? "</font>" : "");
+        s += "<br/>" + (flagged ? flag("main multicast: " + mc) : "main multicast: " + mc);
     }
     return s;
 }
@@ -305,15 +311,16 @@ void Drawing::legend() {
 // rest folded (second and last side by side, and so on); a chain folded from
 // both ends; members without links two by two.
 void Drawing::layout() {
+    auto row = [&](const std::vector<int64_t> &devs) {
+        for (size_t c = 0; c < devs.size(); ++c) place_[devs[c]] = {rows_.size(), c};
+        rows_.emplace_back();
+        for (int64_t d : devs) rows_.back().push_back(node_id(d));
+    };
     std::vector<int64_t> lone;
     auto flush_lone = [&] {
         for (size_t i = 0; i < lone.size(); i += 2) {
-            std::vector<int64_t> row(
-                lone.begin() + static_cast<long>(i),
-                lone.begin() + static_cast<long>(std::min(i + 2, lone.size())));
-            for (size_t c = 0; c < row.size(); ++c) place_[row[c]] = {rows_.size(), c};
-            rows_.emplace_back();
-            for (int64_t d : row) rows_.back().push_back(node_id(d));
+            row({lone.begin() + static_cast<long>(i),
+                 lone.begin() + static_cast<long>(std::min(i + 2, lone.size()))});
         }
         lone.clear();
     };
@@ -323,11 +330,6 @@ void Drawing::layout() {
             continue;
         }
         flush_lone();
-        auto row = [&](std::vector<int64_t> devs) {
-            for (size_t c = 0; c < devs.size(); ++c) place_[devs[c]] = {rows_.size(), c};
-            rows_.emplace_back();
-            for (int64_t d : devs) rows_.back().push_back(node_id(d));
-        };
         size_t i = 0, j = s.devs.size() - 1;
         if (s.ring) row({s.devs[i++]});
         for (; i < j; ++i, --j) row({s.devs[i], s.devs[j]});
@@ -363,18 +365,11 @@ void Drawing::bundle_edge(const Bundle &b) {
     std::string label = "<b>" + aps + "</b>: " + plural(n, "link", "links") + ": " +
                         counts_text({{up, "up"}, {n - up, "down"}}) + "<br/>" + num(listed) +
                         " in member list";
-    for (size_t i = 0; i < issues.size() && i < 3; ++i) {
-        label += "<br/><font color=\"" + std::string(kFlag) + "\">" + html(issues[i]) + "</font>";
-    }
-    if (issues.size() > 3) {
-        label += "<br/><font color=\"" + std::string(kFlag) + "\">and " +
-                 num(static_cast<int64_t>(issues.size() - 3)) + " more</font>";
-    }
-    std::string style = !issues.empty() ? std::string("color=\"") + kFlag + "\""
-                        : up == 0       ? std::string("color=\"") + kDown + "\", style=dotted"
-                        : listed == 0   ? std::string("color=\"") + kWaiting + "\", style=dashed"
-                                        : std::string("color=\"") + kListed + "\"";
-    out_ << "  " << node_id(from.first) << " -> " << node_id(to.first) << " [" << style
+    for (size_t i = 0; i < issues.size() && i < 3; ++i) label += "<br/>" + flag(html(issues[i]));
+    if (issues.size() > 3)
+        label += "<br/>" + flag("and " + num(static_cast<int64_t>(issues.size() - 3)) + " more");
+    out_ << "  " << node_id(from.first) << " -> " << node_id(to.first) << " ["
+         << edge_style(!issues.empty(), up > 0, listed > 0)
          << ", penwidth=" << 1 + std::min(up, 16) / 4 << ", label=<" << label << ">];\n";
 }
 
@@ -389,11 +384,8 @@ void Drawing::link_edge(const LinkFacts &l) {
     bool forward = before(l.a.card.dev, l.b.card.dev);
     const Port &from = forward ? l.a : l.b;
     const Port &to = forward ? l.b : l.a;
-    std::string style = !l.issue.empty()
-                            ? std::string("color=\"") + kFlag + "\", label=<" + html(l.issue) + ">"
-                        : !l.up     ? std::string("color=\"") + kDown + "\", style=dotted"
-                        : !l.listed ? std::string("color=\"") + kWaiting + "\", style=dashed"
-                                    : std::string("color=\"") + kListed + "\"";
+    std::string style = edge_style(!l.issue.empty(), l.up, l.listed);
+    if (!l.issue.empty()) style += ", label=<" + html(l.issue) + ">";
     out_ << "  " << port_end(from) << " -> " << port_end(to) << " [" << style << "];\n";
 }
 
@@ -411,10 +403,9 @@ std::string Drawing::dot() {
     label += plural(static_cast<int>(u_.modid_type.size()), "module id", "module ids") + " (" +
              num(main_boards) + " main board)";
     if (f_.flagged > 0) {
-        label +=
-            "<br/><font color=\"" + std::string(kFlag) + "\">" +
-            plural(f_.flagged, "stale or contradicting record", "stale or contradicting records") +
-            " flagged</font>";
+        label += "<br/>" + flag(plural(f_.flagged, "stale or contradicting record",
+                                       "stale or contradicting records") +
+                                " flagged");
     }
     out_ << "digraph unit {\n"
          << "  graph [newrank=true, nodesep=0.5, ranksep=0.4, labelloc=t, fontname=\"Helvetica\","

@@ -53,8 +53,8 @@ void take_routes(const Fibs &fibs, const Mfibs &mfibs, Member *m) {
 }
 
 // Decodes one record into `unit` and `m`; false when its bytes do not decode.
-bool take_record(const platform::StoredRecord &r, Unit *unit, Member *m) {
-    auto key = [](int db, const char *type, const platform::StoredRecord &s) {
+bool take_record(const platform::Record &r, Unit *unit, Member *m) {
+    auto key = [](int db, const char *type, const platform::Record &s) {
         return s.db == db && s.type == type;
     };
     if (key(kAsicDb, "s_intf.evt_mod_alloc", r)) {

@@ -15,7 +15,7 @@
 #include <memory>
 
 #include "platform_ctl.h"
-#include "records.h"
+#include "record_text.h"
 
 namespace host {
 

@@ -21,7 +21,7 @@ Host *g_shell_host = nullptr;
 
 #ifdef DPM_HAVE_READLINE
 // Completion candidates for the word being typed: scenario commands as the
-// first word, the module's debug commands after "cmd".
+// first word, the module's debug commands after the command that runs one.
 std::vector<std::string> g_candidates;
 size_t g_next_candidate = 0;
 
@@ -40,10 +40,13 @@ char **complete(const char *text, int start, int) {
     std::string before(rl_line_buffer, static_cast<size_t>(start));
     size_t b = before.find_first_not_of(" \t");
     before = b == std::string::npos ? "" : before.substr(b);
+    const size_t end = before.find_first_of(" \t");
+    const Command *cmd =
+        end == std::string::npos ? nullptr : Host::find_command(before.substr(0, end));
     if (before.empty()) {
         g_candidates = Host::command_words();
-    } else if (before.rfind("cmd", 0) == 0 &&
-               before.find_first_not_of(" \t", 3) == std::string::npos && before.size() > 3) {
+    } else if (cmd != nullptr && cmd->names_debug_command &&
+               before.find_first_not_of(" \t", end) == std::string::npos) {
         g_candidates = g_shell_host->debug_command_names();
     } else {
         return nullptr;

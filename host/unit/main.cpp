@@ -1,11 +1,5 @@
 // dpm-unit: a unit described once in a file; run it, break it, check it, draw it.
-//
-//   dpm-unit run UNITFILE [--once] [--pictures DIR] [OPTIONS]
-//                                              bring the unit up, play its phases, keep it running
-//   dpm-unit check [--redis ADDR|--dir DIR]    judge the running unit from its records
-//   dpm-unit chaos UNITFILE --seconds S --seed N [--faults N] [--kinds LIST] [OPTIONS]
-//   dpm-unit picture FILE [--redis ADDR|--dir DIR]
-//   dpm-unit validate UNITFILE                 read the file and say what it describes
+// Its commands are the table commands() at the end, each named once there.
 //
 // Exit status: 0 all held; 1 the check found violations (or a phase did not
 // settle); 2 a usage or unit-file error; 3 a process of the unit failed.
@@ -14,6 +8,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <vector>
 
 #include "chaos.h"
 #include "picture.h"
@@ -35,16 +30,32 @@ struct Args {
     std::string kinds, pictures;
 };
 
+// The commands, each once: its name, what follows it in the usage, whether it
+// takes a file, and what it does.
+struct UnitCommand {
+    const char *name;
+    const char *usage;
+    bool takes_file;
+    int (*run)(const Args &);
+};
+const std::vector<UnitCommand> &commands();
+
+const UnitCommand *find_command(const std::string &name) {
+    for (const auto &c : commands()) {
+        if (name == c.name) return &c;
+    }
+    return nullptr;
+}
+
 void usage(std::ostream &os) {
-    os << "usage: dpm-unit run UNITFILE [--once] [--pictures DIR] [--dir DIR] [--redis ADDR]\n"
-          "                [--host DPM-HOST] [--level N] [--timeout SECONDS]\n"
-          "       dpm-unit check [--redis ADDR | --dir DIR]\n"
-          "       dpm-unit chaos UNITFILE --seconds S --seed N [--faults N]\n"
-          "                [--kinds link,card,member,responder,hop,redis] [run's options]\n"
-          "       dpm-unit picture FILE.svg|.png|.dot [--redis ADDR | --dir DIR]\n"
-          "       dpm-unit validate UNITFILE\n"
-          "ADDR: HOST:PORT or unix:PATH. Without --redis, run and chaos start a private\n"
-          "redis-server in DIR (default " +
+    std::string text;
+    for (const auto &c : commands()) {
+        text += std::string(text.empty() ? "usage: " : "       ") + "dpm-unit " + c.name + " " +
+                c.usage + "\n";
+    }
+    os << text +
+              "ADDR: HOST:PORT or unix:PATH. Without --redis, run and chaos start a private\n"
+              "redis-server in DIR (default " +
               unit::default_base_dir() +
               "/NAME, mode 0700); check and picture use\n"
               "the unit started last.\n";
@@ -98,7 +109,8 @@ Args parse(int argc, char **argv) {
     if (a.command == "help") return a;
     if (words.empty()) throw std::invalid_argument("no command");
     a.command = words[0];
-    bool wants_file = a.command != "check";
+    const UnitCommand *cmd = find_command(a.command);
+    bool wants_file = cmd == nullptr || cmd->takes_file;
     if (words.size() != (wants_file ? 2U : 1U))
         throw std::invalid_argument(a.command +
                                     (wants_file ? " takes one file" : " takes no file"));
@@ -307,7 +319,7 @@ int do_chaos(const Args &a, const unit::Unit &u, const std::string &text) {
     return r.unsettled() == 0 ? 0 : kViolations;
 }
 
-int do_validate(const unit::Unit &u) {
+int do_validate(const Args &, const unit::Unit &u, const std::string &) {
     size_t modids = 0, cards = 0;
     for (const auto &m : u.members) {
         cards += m.cards.size();
@@ -317,6 +329,36 @@ int do_validate(const unit::Unit &u) {
               << " cards, " << modids << " module ids, " << u.links.size() << " links, "
               << u.phases.size() << " phases\n";
     return 0;
+}
+
+// A command on a unit file: the unit is read first (a file error is a usage
+// error).
+template <int (*fn)(const Args &, const unit::Unit &, const std::string &)>
+int on_unit_file(const Args &a) {
+    unit::Unit u = unit::load_unit(a.file);
+    return fn(a, u, read_text(a.file));
+}
+
+const std::vector<UnitCommand> &commands() {
+    static const std::vector<UnitCommand> table = {
+        // bring the unit up, play its phases, keep it running
+        {"run",
+         "UNITFILE [--once] [--pictures DIR] [--dir DIR] [--redis ADDR]\n"
+         "                [--host DPM-HOST] [--level N] [--timeout SECONDS]",
+         true, on_unit_file<do_run>},
+        // judge the running unit from its records
+        {"check", "[--redis ADDR | --dir DIR]", false, do_check},
+        // random faults from a seed, the check after each, convergence times
+        {"chaos",
+         "UNITFILE --seconds S --seed N [--faults N]\n"
+         "                [--kinds link,card,member,responder,hop,redis] [run's options]",
+         true, on_unit_file<do_chaos>},
+        // draw the running unit
+        {"picture", "FILE.svg|.png|.dot [--redis ADDR | --dir DIR]", true, do_picture},
+        // read the file and say what it describes
+        {"validate", "UNITFILE", true, on_unit_file<do_validate>},
+    };
+    return table;
 }
 
 }  // namespace
@@ -337,17 +379,13 @@ int main(int argc, char **argv) {
     std::signal(SIGINT, [](int) { g_stop = 1; });
     std::signal(SIGTERM, [](int) { g_stop = 1; });
     try {
-        if (a.command == "check") return do_check(a);
-        if (a.command == "picture") return do_picture(a);
-        if (a.command != "run" && a.command != "chaos" && a.command != "validate") {
+        const UnitCommand *cmd = find_command(a.command);
+        if (cmd == nullptr) {
             std::cerr << "dpm-unit: unknown command " << a.command << "\n";
             usage(std::cerr);
             return kUsage;
         }
-        unit::Unit u = unit::load_unit(a.file);
-        if (a.command == "validate") return do_validate(u);
-        std::string text = read_text(a.file);
-        return a.command == "run" ? do_run(a, u, text) : do_chaos(a, u, text);
+        return cmd->run(a);
     } catch (const unit::FileError &e) {
         std::cerr << e.what() << "\n";
         return kUsage;

@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "platform_ctl.h"
-#include "records.h"
+#include "record_text.h"
 
 namespace unit {
 
@@ -62,13 +62,7 @@ void Supervisor::start() {
     std::string error;
     if (platform::db_use_redis(address_, &error) != 0)
         throw std::runtime_error("cannot use the Redis server " + address_ + ": " + error);
-    // Beside the bytes, a text form for people reading the store.
-    platform::set_record_text([](const std::string &type, const std::string &packed) {
-        const auto *d =
-            google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
-        auto m = d != nullptr ? host::unpack_record(d, packed) : nullptr;
-        return m != nullptr ? host::short_text(*m) : std::string();
-    });
+    host::keep_record_text();  // beside the bytes, for people reading the store
     state_ = UnitState::connect(address_, &error);
     if (!state_) throw std::runtime_error("cannot reach " + address_ + ": " + error);
     state_->publish_unit(unit_text_);

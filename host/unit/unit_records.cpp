@@ -2,7 +2,7 @@
 #include "unit_records.h"
 
 #include "platform_ctl.h"
-#include "records.h"
+#include "record_text.h"
 
 namespace unit {
 
@@ -11,7 +11,7 @@ namespace {
 constexpr int kAsicDb = 0, kLocalDb = 3, kUdpDb = 8, kTopoDb = 14;
 
 template <typename T>
-bool decode(const platform::StoredRecord &s, T *out, UnitRecords *u, const std::string &where) {
+bool decode(const platform::Record &s, T *out, UnitRecords *u, const std::string &where) {
     if (out->ParseFromString(s.packed)) return true;
     u->undecodable.push_back(where + " " + s.type + ": the stored bytes do not decode");
     return false;

@@ -11,6 +11,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace platform {
@@ -41,13 +42,36 @@ size_t pending();
 
 // ---- object database -------------------------------------------------------------
 
-struct StoredRecord {
-    int db;
+// How a record was written: whole (xn_mom_set, events with command 1) or
+// field by field (xn_mom_hmset, command 4 in entry form).
+enum class Form : uint8_t { Whole, Fields };
+
+// A record as the databases keep it. Its place is its database, its type and
+// its key; a write to the same place replaces it.
+struct Record {
+    int db = 0;
     std::string type;    // full name, e.g. "u_cluster.kel_uc_balance"
     std::string key;     // canonical packed index sub-message (empty: no index or all zero)
-    std::string packed;  // the record as stored
-    bool field_form;     // written with hmset
+    std::string order;   // the key's field values as bytes that sort in numeric order
+    std::string packed;  // the record itself
+    Form form = Form::Whole;
+
+    // Its place inside its database, in listing order (by type, then key).
+    auto id() const { return std::tie(type, order, key); }
+    bool same_key(const Record &o) const { return db == o.db && id() == o.id(); }
+    // < orders places (database, type, key), as listings do; == compares all.
+    friend bool operator<(const Record &a, const Record &b) {
+        return std::tie(a.db, a.type, a.order, a.key) < std::tie(b.db, b.type, b.order, b.key);
+    }
+    friend bool operator==(const Record &, const Record &) = default;
 };
+
+// The record `packed` of `type` keyed for database `db`; nullopt for an
+// unknown type or bytes that do not decode.
+std::optional<Record> make_record(int db, const std::string &type, std::string packed,
+                                  Form form = Form::Whole);
+// Its key as a person reads it: "modid=3" (empty for a type without a key).
+std::string key_text(const Record &rec);
 
 // Writes of other components. `packed` is the wire form of a record of `type`.
 // Return 0, or -1 for an unknown type or bytes that do not decode.
@@ -56,8 +80,8 @@ int db_hmset(int db, const std::string &type, const std::string &packed);
 int db_del(int db, const std::string &type, const std::string &packed);
 
 // Records sorted by type, then key. Empty type: every type.
-std::vector<StoredRecord> db_records(int db, const std::string &type = "");
-std::optional<StoredRecord> db_get(int db, const std::string &type, const std::string &packed);
+std::vector<Record> db_records(int db, const std::string &type = "");
+std::optional<Record> db_get(int db, const std::string &type, const std::string &packed);
 
 // Known record types (full names), for the host's checks.
 bool known_type(const std::string &type);
@@ -126,11 +150,8 @@ bool db_wait(int ms);
 
 // Every write the module made (set, hmset, del), in order, for tests that count
 // writes.
-struct ModuleWrite {
-    enum Op { Set, HmSet, Del } op;
-    int db;
-    std::string type;
-    std::string packed;
+struct ModuleWrite : Record {
+    enum Op { Set, HmSet, Del } op = Set;
 };
 const std::vector<ModuleWrite> &module_writes();
 void clear_module_writes();

@@ -84,9 +84,10 @@ int xn_mom_reg_key_event(xn_mom_ab_t *agent, xn_mom_ds_reg_t *reg, int event,
                             cb,    user};
     st().key_regs.push_back(r);
     if (event == XN_MOM_KEY_SET) {
-        auto it = st().agent_records.find(r.type);
-        if (it != st().agent_records.end()) {
-            for (const auto &[k, packed] : it->second) platform::queue_key_event(r, packed);
+        const auto &kept = st().agent_records;
+        for (auto it = kept.lower_bound(platform::Record{.type = r.type});
+             it != kept.end() && it->type == r.type; ++it) {
+            platform::queue_key_event(r, it->packed);
         }
     }
     return 0;
@@ -97,19 +98,19 @@ int xn_mom_reg_key_event(xn_mom_ab_t *agent, xn_mom_ds_reg_t *reg, int event,
 namespace platform {
 
 int agent_here(bool set, const std::string &type, const std::string &packed) {
-    RecordKey k;
-    if (!key_of_packed(type, packed, &k)) return -1;
+    std::optional<Record> rec = make_record(0, type, packed);
+    if (!rec) return -1;
+    auto &kept = st().agent_records;
+    auto it = kept.find(*rec);
     if (set) {
-        st().agent_records[type][StoreKey{type, k.order, k.key}] = packed;
+        if (it != kept.end()) kept.erase(it);
+        kept.insert(std::move(*rec));
         raise(type, XN_MOM_KEY_SET, packed);
         return 0;
     }
-    auto tit = st().agent_records.find(type);
-    if (tit == st().agent_records.end()) return 0;
-    auto it = tit->second.find(StoreKey{type, k.order, k.key});
-    if (it == tit->second.end()) return 0;  // like the databases: nothing to delete, no event
-    std::string was = std::move(it->second);
-    tit->second.erase(it);
+    if (it == kept.end()) return 0;  // like the databases: nothing to delete, no event
+    std::string was = it->packed;
+    kept.erase(it);
     raise(type, XN_MOM_KEY_DEL, was);
     return 0;
 }

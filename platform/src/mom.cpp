@@ -100,9 +100,9 @@ Store &store() {
     return *s.store;
 }
 
-std::string record_text(const std::string &type, const std::string &packed) {
+std::string record_text(const Record &rec) {
     const auto &fn = st().text_form;
-    return fn ? fn(type, packed) : std::string();
+    return fn ? fn(rec.type, rec.packed) : std::string();
 }
 
 namespace {
@@ -122,20 +122,16 @@ void drop_subs(Pred pred) {
                   [&](const QueueItem &item) { return dropped.count(item.sub_id) != 0; });
 }
 
-int module_write(const char *op, platform::ModuleWrite::Op kind, void *client, int db,
+int module_write(const char *op, ModuleWrite::Op kind, void *client, int db,
                  const ProtobufCMessage *msg) {
     (void)client;
     if (auto rv = fault(op, db)) return *rv;
     if (msg == nullptr || msg->descriptor == nullptr) return -1;
-    const std::string type = msg->descriptor->name;
-    std::string packed = pack(msg);
-    RecordKey k = key_of(msg);
-    if (st().keep_module_writes) {
-        st().module_writes.push_back(platform::ModuleWrite{kind, db, type, packed});
-    }
-    if (kind == platform::ModuleWrite::Del) return store().del(st().module_member, db, type, k);
-    return store().write(st().module_member, db, type, k, packed,
-                         kind == platform::ModuleWrite::HmSet);
+    ModuleWrite w{record_of(db, msg, kind == ModuleWrite::HmSet ? Form::Fields : Form::Whole),
+                  kind};
+    if (st().keep_module_writes) st().module_writes.push_back(w);
+    if (kind == ModuleWrite::Del) return store().del(st().module_member, w);
+    return store().write(st().module_member, w);
 }
 
 // The away subscription that a resumed session's callback makes again.
@@ -249,13 +245,12 @@ int xn_mom_scan(void *client, int db, const ProtobufCMessage *tmpl, int flags, x
     if (auto rv = platform::fault("xn_mom_scan", db)) return *rv;
     if (tmpl == nullptr || tmpl->descriptor == nullptr || cb == nullptr) return -1;
     const ProtobufCMessageDescriptor *desc = tmpl->descriptor;
-    std::vector<platform::StoredEntry> records;
+    std::vector<platform::Record> records;
     // A scan the store could not read whole is a failed call, never a short scan.
     if (!platform::store().records(st().module_member, db, desc->name, &records)) return -1;
-    for (const auto &e : records) {
-        platform::queue_event(desc, cb, client,
-                              e.rec.field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET, 0, true,
-                              e.rec.packed, 0);
+    for (auto &rec : records) {
+        platform::queue_event(desc, cb, client, platform::set_cmd(rec.form), 0, true,
+                              std::move(rec.packed), 0);
     }
     platform::queue_event(desc, cb, client, 0, XN_MOM_SCAN_OVER, false, {}, 0);
     return 0;
@@ -285,8 +280,7 @@ int xn_mom_exists_sync(void *client, int db, const ProtobufCMessage *msg) {
     (void)client;
     if (auto rv = platform::fault("xn_mom_exists_sync", db)) return *rv;
     if (msg == nullptr || msg->descriptor == nullptr) return -1;
-    platform::RecordKey k = platform::key_of(msg);
-    return platform::store().get(st().module_member, db, msg->descriptor->name, k) ? 0 : -1;
+    return platform::store().get(st().module_member, platform::record_of(db, msg)) ? 0 : -1;
 }
 
 // ---- data-sync brackets ------------------------------------------------------------

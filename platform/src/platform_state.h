@@ -31,41 +31,21 @@ namespace platform {
 // Our own copy of the descriptor of a full type name, or null.
 const ProtobufCMessageDescriptor *find_descriptor(const std::string &type);
 
-// The key of a record: the packed index sub-message (empty for types without an
-// index or an all-zero one) and a byte string that sorts keys by their field
-// values, so that "key order" is numeric order of the index fields.
-struct RecordKey {
-    std::string key;
-    std::string order;
-    std::string text;  // "modid=12": the key as a person reads it (empty: no index)
-};
-RecordKey key_of(const ProtobufCMessage *msg);
+// A module's message packed and keyed for database `db`.
+Record record_of(int db, const ProtobufCMessage *msg, Form form = Form::Whole);
 
 // Packs a message into a string.
 std::string pack(const ProtobufCMessage *msg);
 
-// Unpacks `packed` as `type` with our own descriptor to find its key. False when
-// the type is unknown or the bytes do not decode.
-bool key_of_packed(const std::string &type, const std::string &packed, RecordKey *out);
-
 // ---- object database ---------------------------------------------------------------
 
-struct StoreKey {
-    std::string type;
-    std::string order;
-    std::string key;
-    bool operator<(const StoreKey &o) const {
-        return std::tie(type, order, key) < std::tie(o.type, o.order, o.key);
-    }
-};
-
-struct Stored {
-    std::string packed;
-    bool field_form = false;
+// What a database keeps at each place (Record::id()).
+using RecordId = std::tuple<std::string, std::string, std::string>;
+struct Kept {
+    Record rec;
     bool expired = false;  // inside an open data-sync bracket and not yet rewritten
 };
-
-using Database = std::map<StoreKey, Stored>;
+using Database = std::map<RecordId, Kept, std::less<>>;
 
 struct Session {
     void *client = nullptr;
@@ -151,8 +131,8 @@ using Port = std::tuple<int, int, int>;
 struct State {
     // unit side, kept across module instances
     std::map<int, Database> dbs;
-    std::map<std::string, std::map<StoreKey, std::string>> agent_records;  // by type
-    std::vector<uint32_t> cards;                                           // announcement order
+    std::set<Record> agent_records;  // the current record of each key (db 0)
+    std::vector<uint32_t> cards;     // announcement order
     std::map<Port, std::optional<uint32_t>> chipids, phyids;
     std::map<std::string, std::optional<int32_t>> capacity;
     std::set<Port> offline_cards;

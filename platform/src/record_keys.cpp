@@ -1,4 +1,5 @@
-// Record types known to the stand-in and the keys of their records.
+// Record types known to the stand-in and the record form (platform_ctl.h):
+// records made from their bytes or from a module's message, with their keys.
 //
 // The store never holds a module's message: it packs it and keys it by the
 // packed `index` sub-message (field 5). proto3 drops zero fields, so that
@@ -7,9 +8,9 @@
 // what a person reading "show" expects.
 #include <cstring>
 #include <map>
-#include <cstddef>
 #include <string>
-#include <vector>
+#include <string_view>
+#include <type_traits>
 
 #include "p_dev.pb-c.h"
 #include "platform_state.h"
@@ -65,16 +66,11 @@ T field_at(const ProtobufCMessage *msg, const ProtobufCFieldDescriptor *f) {
     return v;
 }
 
-// Eight big-endian bytes, signed values shifted so that byte order is numeric order.
-void append_u64(std::string *out, uint64_t v) {
-    for (int shift = 56; shift >= 0; shift -= 8) out->push_back(static_cast<char>(v >> shift));
-}
-void append_i64(std::string *out, int64_t v) {
-    append_u64(out, static_cast<uint64_t>(v) ^ (uint64_t{1} << 63));
-}
-
-std::string order_of(const ProtobufCMessage *idx) {
-    std::string out;
+// Calls fn(field, value) for each key field of `idx` in field order, numbers
+// widened to 64 bits (int64_t when signed, uint64_t when not), text as a
+// string_view. No other kinds make keys.
+template <typename Fn>
+void each_key_field(const ProtobufCMessage *idx, Fn fn) {
     const ProtobufCMessageDescriptor *d = idx->descriptor;
     for (unsigned i = 0; i < d->n_fields; i++) {
         const ProtobufCFieldDescriptor *f = &d->fields[i];
@@ -84,69 +80,82 @@ std::string order_of(const ProtobufCMessage *idx) {
             case PROTOBUF_C_TYPE_SINT32:
             case PROTOBUF_C_TYPE_SFIXED32:
             case PROTOBUF_C_TYPE_ENUM:
-                append_i64(&out, field_at<int32_t>(idx, f));
+                fn(f, int64_t{field_at<int32_t>(idx, f)});
                 break;
             case PROTOBUF_C_TYPE_UINT32:
             case PROTOBUF_C_TYPE_FIXED32:
-                append_u64(&out, field_at<uint32_t>(idx, f));
+                fn(f, uint64_t{field_at<uint32_t>(idx, f)});
                 break;
             case PROTOBUF_C_TYPE_INT64:
             case PROTOBUF_C_TYPE_SINT64:
             case PROTOBUF_C_TYPE_SFIXED64:
-                append_i64(&out, field_at<int64_t>(idx, f));
+                fn(f, field_at<int64_t>(idx, f));
                 break;
             case PROTOBUF_C_TYPE_UINT64:
             case PROTOBUF_C_TYPE_FIXED64:
-                append_u64(&out, field_at<uint64_t>(idx, f));
+                fn(f, field_at<uint64_t>(idx, f));
                 break;
             case PROTOBUF_C_TYPE_BOOL:
-                append_u64(&out, field_at<protobuf_c_boolean>(idx, f) ? 1 : 0);
+                fn(f, uint64_t{field_at<protobuf_c_boolean>(idx, f) ? 1U : 0U});
                 break;
             case PROTOBUF_C_TYPE_STRING: {
                 const char *s = field_at<const char *>(idx, f);
-                if (s != nullptr) out += s;
-                out.push_back('\0');
+                fn(f, std::string_view(s != nullptr ? s : ""));
                 break;
             }
             default:
-                break;  // no other kinds of key fields; the packed key still tells keys apart
+                break;  // the packed key still tells such keys apart
         }
     }
+}
+
+// Eight big-endian bytes a number, signed values shifted so that byte order is
+// numeric order; text ends with a zero byte.
+std::string order_of(const ProtobufCMessage *idx) {
+    std::string out;
+    each_key_field(idx, [&](const ProtobufCFieldDescriptor *, auto v) {
+        using V = decltype(v);
+        if constexpr (std::is_same_v<V, std::string_view>) {
+            out += v;
+            out.push_back('\0');
+        } else {
+            auto u = static_cast<uint64_t>(v);
+            if constexpr (std::is_signed_v<V>) u ^= uint64_t{1} << 63;
+            for (int shift = 56; shift >= 0; shift -= 8)
+                out.push_back(static_cast<char>(u >> shift));
+        }
+    });
     return out;
 }
 
 // "name=value,..." of the key fields, for keys a person can read.
 std::string text_of(const ProtobufCMessage *idx) {
     std::string out;
-    const ProtobufCMessageDescriptor *d = idx->descriptor;
-    for (unsigned i = 0; i < d->n_fields; i++) {
-        const ProtobufCFieldDescriptor *f = &d->fields[i];
-        if (f->label == PROTOBUF_C_LABEL_REPEATED) continue;
-        std::string v;
-        switch (f->type) {
-            case PROTOBUF_C_TYPE_INT32:
-            case PROTOBUF_C_TYPE_SINT32:
-            case PROTOBUF_C_TYPE_SFIXED32:
-            case PROTOBUF_C_TYPE_ENUM:
-                v = std::to_string(field_at<int32_t>(idx, f));
-                break;
-            case PROTOBUF_C_TYPE_UINT32:
-            case PROTOBUF_C_TYPE_FIXED32:
-                v = std::to_string(field_at<uint32_t>(idx, f));
-                break;
-            case PROTOBUF_C_TYPE_STRING: {
-                const char *s = field_at<const char *>(idx, f);
-                v = s != nullptr ? s : "";
-                break;
-            }
-            default:
-                continue;
-        }
+    each_key_field(idx, [&](const ProtobufCFieldDescriptor *f, auto v) {
         if (!out.empty()) out += ',';
-        out += std::string(f->name) + "=" + v;
-    }
+        out += f->name;
+        out += '=';
+        if constexpr (std::is_same_v<decltype(v), std::string_view>) {
+            out += v;
+        } else {
+            out += std::to_string(v);
+        }
+    });
     return out;
 }
+
+// Unpacks `bytes` as `desc`, freed with the holder.
+struct Unpacked {
+    ProtobufCMessage *msg;
+    Unpacked(const ProtobufCMessageDescriptor *desc, const std::string &bytes)
+        : msg(protobuf_c_message_unpack(desc, nullptr, bytes.size(),
+                                        reinterpret_cast<const uint8_t *>(bytes.data()))) {}
+    ~Unpacked() {
+        if (msg != nullptr) protobuf_c_message_free_unpacked(msg, nullptr);
+    }
+    Unpacked(const Unpacked &) = delete;
+    Unpacked &operator=(const Unpacked &) = delete;
+};
 
 }  // namespace
 
@@ -162,35 +171,42 @@ std::string pack(const ProtobufCMessage *msg) {
     return out;
 }
 
-RecordKey key_of(const ProtobufCMessage *msg) {
-    RecordKey k;
+namespace {
+
+// Fills the key of `rec` from its message `msg`.
+void key_record(const ProtobufCMessage *msg, Record *rec) {
     const ProtobufCFieldDescriptor *f = index_field(msg->descriptor);
-    if (f == nullptr) return k;
-    const auto *idx = field_at<const ProtobufCMessage *>(msg, f);
-    if (idx == nullptr) {
-        // No index is the all-zero key; name it as such.
-        const auto *idesc = static_cast<const ProtobufCMessageDescriptor *>(f->descriptor);
-        std::vector<std::max_align_t> zero(idesc->sizeof_message / sizeof(std::max_align_t) + 1);
-        auto *blank = reinterpret_cast<ProtobufCMessage *>(zero.data());
-        protobuf_c_message_init(idesc, blank);
-        k.text = text_of(blank);
-        return k;
-    }
-    k.text = text_of(idx);
-    k.key = pack(idx);
-    if (!k.key.empty()) k.order = order_of(idx);
-    return k;
+    const auto *idx = f != nullptr ? field_at<const ProtobufCMessage *>(msg, f) : nullptr;
+    if (idx == nullptr) return;
+    rec->key = pack(idx);
+    if (!rec->key.empty()) rec->order = order_of(idx);
 }
 
-bool key_of_packed(const std::string &type, const std::string &packed, RecordKey *out) {
+}  // namespace
+
+Record record_of(int db, const ProtobufCMessage *msg, Form form) {
+    Record rec{db, msg->descriptor->name, "", "", pack(msg), form};
+    key_record(msg, &rec);
+    return rec;
+}
+
+std::optional<Record> make_record(int db, const std::string &type, std::string packed, Form form) {
     const ProtobufCMessageDescriptor *d = find_descriptor(type);
-    if (d == nullptr) return false;
-    ProtobufCMessage *m = protobuf_c_message_unpack(
-        d, nullptr, packed.size(), reinterpret_cast<const uint8_t *>(packed.data()));
-    if (m == nullptr) return false;
-    *out = key_of(m);
-    protobuf_c_message_free_unpacked(m, nullptr);
-    return true;
+    if (d == nullptr) return std::nullopt;
+    Unpacked m(d, packed);
+    if (m.msg == nullptr) return std::nullopt;
+    Record rec{db, type, "", "", std::move(packed), form};
+    key_record(m.msg, &rec);
+    return rec;
+}
+
+std::string key_text(const Record &rec) {
+    const ProtobufCMessageDescriptor *d = find_descriptor(rec.type);
+    const ProtobufCFieldDescriptor *f = d != nullptr ? index_field(d) : nullptr;
+    if (f == nullptr) return "";
+    // An empty key decodes as the all-zero index, and is named as such.
+    Unpacked idx(static_cast<const ProtobufCMessageDescriptor *>(f->descriptor), rec.key);
+    return idx.msg != nullptr ? text_of(idx.msg) : "";
 }
 
 bool known_type(const std::string &type) {

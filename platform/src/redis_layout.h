@@ -46,16 +46,24 @@ struct Names {
     std::string member;  // the record's entry in the key set and the age index
 };
 
-inline Names names(int member, int db, const std::string &type, const RecordKey &k) {
+// The names of a type's keys (record and member stay empty).
+inline Names names(int member, int db, const std::string &type) {
     const std::string p = prefix(member, db);
     Names n;
     n.base = p + type;
-    n.record = n.base + (k.text.empty() ? "" : ":" + k.text);
     n.keys = p + "_keys:" + type;
     n.age = p + "_age:" + type;
     n.bracket = p + "_bracket:" + type;
     n.types = p + "_types";
-    n.member = hex(k.order) + " " + n.record;
+    return n;
+}
+
+// The names of a record's keys.
+inline Names names(int member, const Record &rec) {
+    Names n = names(member, rec.db, rec.type);
+    const std::string text = key_text(rec);
+    n.record = n.base + (text.empty() ? "" : ":" + text);
+    n.member = hex(rec.order) + " " + n.record;
     return n;
 }
 

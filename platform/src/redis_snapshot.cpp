@@ -26,7 +26,7 @@ constexpr int kSnapshotTries = 3;
 
 bool RedisStore::read_type(int member, int db, const std::string &type, const TakeRecord &take,
                            Skip *skip) {
-    const Names names_ = names(member, db, type, RecordKey{});
+    const Names names_ = names(member, db, type);
     std::string from = "-";
     long long junk = 0;
     bool reloaded = false;
@@ -58,7 +58,8 @@ bool RedisStore::read_type(int member, int db, const std::string &type, const Ta
             junk += r->element[2]->integer;
         }
         for (size_t i = 3; i + 2 < r->elements; i += 3) {
-            take(str(r->element[i + 1]), str(r->element[i + 2]) == "1");
+            take(str(r->element[i + 1]),
+                 str(r->element[i + 2]) == "1" ? Form::Fields : Form::Whole);
         }
         if (skip != nullptr) {
             skip->chunks.emplace_back(last, count);
@@ -86,10 +87,9 @@ bool RedisStore::subscribe(int member, Subscription &sub) {
     const std::string what = sub.type + " in db " + std::to_string(sub.db);
     bool ok = started_ && read_type(
                               member, sub.db, sub.type,
-                              [&](const std::string &packed, bool field_form) {
-                                  queue_event(sub.desc, sub.cb, sub.client,
-                                              field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET, 0,
-                                              true, packed, sub.id);
+                              [&](std::string packed, Form form) {
+                                  queue_event(sub.desc, sub.cb, sub.client, set_cmd(form), 0, true,
+                                              std::move(packed), sub.id);
                               },
                               &skip);
     if (!ok) {
@@ -114,8 +114,7 @@ bool RedisStore::subscribe(int member, Subscription &sub) {
     return true;
 }
 
-bool RedisStore::records(int member, int db, const std::string &type,
-                         std::vector<StoredEntry> *out) {
+bool RedisStore::records(int member, int db, const std::string &type, std::vector<Record> *out) {
     std::vector<std::string> types{type};
     if (type.empty()) {
         types.clear();
@@ -136,15 +135,14 @@ bool RedisStore::records(int member, int db, const std::string &type,
         }
         bool ok = read_type(
             member, db, t,
-            [&](const std::string &packed, bool field_form) {
-                RecordKey k;
-                if (!key_of_packed(t, packed, &k)) {
+            [&](std::string packed, Form form) {
+                std::optional<Record> rec = make_record(db, t, std::move(packed), form);
+                if (!rec) {
                     log_throttled("decode " + t,
                                   "xn_mom: a stored " + t + " record does not decode: skipped");
                     return;
                 }
-                out->push_back(
-                    StoredEntry{StoreKey{t, k.order, k.key}, Stored{packed, field_form}});
+                out->push_back(std::move(*rec));
             },
             nullptr);
         if (!ok) {
@@ -155,9 +153,9 @@ bool RedisStore::records(int member, int db, const std::string &type,
     return true;
 }
 
-std::optional<StoredEntry> RedisStore::get(int member, int db, const std::string &type,
-                                           const RecordKey &k) {
-    const Names n = names(member, db, type, k);
+std::optional<Record> RedisStore::get(int member, const Record &rec) {
+    const Names n = names(member, rec);
+    const int db = rec.db;
     drain();
     link_.select(db);
     Reply r = call({"HMGET", n.record, "packed", "form"});
@@ -169,8 +167,10 @@ std::optional<StoredEntry> RedisStore::get(int member, int db, const std::string
         r->element[0]->type != REDIS_REPLY_STRING) {
         return std::nullopt;
     }
-    return StoredEntry{StoreKey{type, k.order, k.key},
-                       Stored{str(r->element[0]), str(r->element[1]) == "1"}};
+    Record got = rec;
+    got.packed = str(r->element[0]);
+    got.form = str(r->element[1]) == "1" ? Form::Fields : Form::Whole;
+    return got;
 }
 
 }  // namespace platform::redis

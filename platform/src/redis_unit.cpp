@@ -71,9 +71,9 @@ void RedisStore::share(const std::string &kind, int member, const std::string &t
         how = kind == "card_offline" ? "set" : "del";
         value = "1";
     } else if (kind == "agent_set" || kind == "agent_del") {
-        RecordKey k;
-        if (!key_of_packed(type, data, &k)) return;
-        field = "agent:" + std::to_string(member) + ":" + type + ":" + hex(k.key);
+        std::optional<Record> rec = make_record(0, type, data);
+        if (!rec) return;
+        field = "agent:" + std::to_string(member) + ":" + type + ":" + hex(rec->key);
         how = "stamp";
         value = kind == "agent_set" ? "set:" + data : "del:";
     } else if (kind == "chip" || kind == "phy") {
@@ -198,24 +198,19 @@ bool RedisStore::load_unit() {
     }
     for (const Port &q : offline)
         card_online_here(std::get<0>(q), std::get<1>(q), std::get<2>(q), false);
-    std::set<std::string> kept;
-    for (const auto &[key, rec] : agent) {
-        const auto &[n, set, type, packed] = rec;
+    std::set<Record> kept;
+    for (const auto &[key, entry] : agent) {
+        const auto &[n, set, type, packed] = entry;
         if (!set) continue;
-        RecordKey k;
-        if (!key_of_packed(type, packed, &k)) continue;
-        kept.insert(type + ":" + hex(k.key));
-        auto tit = st().agent_records.find(type);
-        const bool same = tit != st().agent_records.end() &&
-                          tit->second.count(StoreKey{type, k.order, k.key}) != 0 &&
-                          tit->second.at(StoreKey{type, k.order, k.key}) == packed;
-        if (!same) agent_here(true, type, packed);
+        std::optional<Record> rec = make_record(0, type, packed);
+        if (!rec) continue;
+        auto now = st().agent_records.find(*rec);
+        if (now == st().agent_records.end() || now->packed != packed)
+            agent_here(true, type, packed);
+        kept.insert(std::move(*rec));
     }
-    for (const auto &[type, recs] :
-         std::map<std::string, std::map<StoreKey, std::string>>(st().agent_records)) {
-        for (const auto &[k, packed] : recs) {
-            if (kept.count(type + ":" + hex(k.key)) == 0) agent_here(false, type, packed);
-        }
+    for (const Record &rec : std::set<Record>(st().agent_records)) {
+        if (kept.count(rec) == 0) agent_here(false, rec.type, rec.packed);
     }
     read_.id = str(r->element[0]);
     read_.n = std::strtoull(str(r->element[1]).c_str(), nullptr, 10);

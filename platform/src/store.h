@@ -18,26 +18,20 @@
 
 namespace platform {
 
-struct StoredEntry {
-    StoreKey key;
-    Stored rec;
-};
-
 // `member` selects the per-member databases of a unit on a shared server
 // (0: none); the embedded store has one member and ignores it.
 class Store {
   public:
     virtual ~Store() = default;
     // 0, or -1 when the store cannot keep the change (it counts it as dropped).
-    virtual int write(int member, int db, const std::string &type, const RecordKey &k,
-                      const std::string &packed, bool field_form) = 0;
-    virtual int del(int member, int db, const std::string &type, const RecordKey &k) = 0;
+    virtual int write(int member, const Record &rec) = 0;
+    // Deletes the record at the place of `rec`.
+    virtual int del(int member, const Record &rec) = 0;
     // Key order; empty type: every type, sorted by type. False when the
     // records could not be read (nothing partial is handed out then).
-    virtual bool records(int member, int db, const std::string &type,
-                         std::vector<StoredEntry> *out) = 0;
-    virtual std::optional<StoredEntry> get(int member, int db, const std::string &type,
-                                           const RecordKey &k) = 0;
+    virtual bool records(int member, int db, const std::string &type, std::vector<Record> *out) = 0;
+    // The record at the place of `rec`.
+    virtual std::optional<Record> get(int member, const Record &rec) = 0;
     // Queue every stored record of the subscription's type (key order), then
     // the data-sync request; later writes follow as events from that point on.
     // False when the records could not be read (nothing is queued then).
@@ -110,11 +104,16 @@ void deliver(Subscription &sub, int cmd, std::string packed, bool front = false)
 // The events of one write for every matching subscription of this process.
 void notify(int db, const std::string &type, int cmd, const std::string &packed);
 
+// The event command that delivers a record of this form: 1, or 4 in entry form.
+inline int set_cmd(Form form) {
+    return form == Form::Fields ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET;
+}
+
 // Bytes as lower-case hex digits.
 std::string hex(const std::string &s);
 
 // Text form of a record for people reading the store (set by the host, which
 // has the text format; empty without it).
-std::string record_text(const std::string &type, const std::string &packed);
+std::string record_text(const Record &rec);
 
 }  // namespace platform

@@ -45,75 +45,73 @@ bool load_dbs(const std::string &path, std::map<int, Database> *out) {
         if (line.empty() || line[0] == '#') continue;
         std::istringstream ls(line);
         int db, form;
-        std::string type, key, order, packed;
-        if (!(ls >> db >> type >> form >> key >> order >> packed)) return false;
-        StoreKey sk{type, "", ""};
-        Stored rec;
-        if (!unhex(key, &sk.key) || !unhex(order, &sk.order) || !unhex(packed, &rec.packed)) {
+        Kept kept;
+        std::string key, order, packed;
+        Record &rec = kept.rec;
+        if (!(ls >> db >> rec.type >> form >> key >> order >> packed)) return false;
+        if (!unhex(key, &rec.key) || !unhex(order, &rec.order) || !unhex(packed, &rec.packed)) {
             return false;
         }
-        rec.field_form = form != 0;
-        (*out)[db][sk] = std::move(rec);
+        rec.db = db;
+        rec.form = form != 0 ? Form::Fields : Form::Whole;
+        (*out)[db].insert_or_assign(RecordId(rec.id()), std::move(kept));
     }
     return true;
 }
 
-int form_cmd(const Stored &rec) {
-    return rec.field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET;
+// The first place of `type` in a database.
+Database::iterator first_of(Database &records, const std::string &type) {
+    return records.lower_bound(RecordId{type, "", ""});
 }
 
 class EmbeddedStore : public Store {
   public:
-    int write(int, int db, const std::string &type, const RecordKey &k, const std::string &packed,
-              bool field_form) override {
-        Stored &rec = st().dbs[db][StoreKey{type, k.order, k.key}];
-        rec.packed = packed;
-        rec.field_form = field_form;
-        rec.expired = false;  // a write inside a data-sync bracket confirms the record
-        notify(db, type, form_cmd(rec), rec.packed);
+    int write(int, const Record &rec) override {
+        Kept &kept = st().dbs[rec.db][RecordId(rec.id())];
+        kept.rec = rec;
+        kept.expired = false;  // a write inside a data-sync bracket confirms the record
+        notify(rec.db, rec.type, set_cmd(rec.form), rec.packed);
         save_dbs();
         return 0;
     }
 
-    int del(int, int db, const std::string &type, const RecordKey &k) override {
-        auto dbit = st().dbs.find(db);
+    int del(int, const Record &rec) override {
+        auto dbit = st().dbs.find(rec.db);
         if (dbit == st().dbs.end()) return 0;
-        auto it = dbit->second.find(StoreKey{type, k.order, k.key});
+        auto it = dbit->second.find(rec.id());
         if (it == dbit->second.end()) return 0;  // nothing there: nothing to tell anyone
-        std::string packed = std::move(it->second.packed);
+        std::string packed = std::move(it->second.rec.packed);
         dbit->second.erase(it);
-        notify(db, type, XN_MOM_CMD_DEL, packed);
+        notify(rec.db, rec.type, XN_MOM_CMD_DEL, packed);
         save_dbs();
         return 0;
     }
 
-    bool records(int, int db, const std::string &type, std::vector<StoredEntry> *out) override {
+    bool records(int, int db, const std::string &type, std::vector<Record> *out) override {
         auto dbit = st().dbs.find(db);
         if (dbit == st().dbs.end()) return true;
-        auto it =
-            type.empty() ? dbit->second.begin() : dbit->second.lower_bound(StoreKey{type, "", ""});
-        for (; it != dbit->second.end() && (type.empty() || it->first.type == type); ++it) {
-            out->push_back(StoredEntry{it->first, it->second});
+        auto it = type.empty() ? dbit->second.begin() : first_of(dbit->second, type);
+        for (; it != dbit->second.end() && (type.empty() || it->second.rec.type == type); ++it) {
+            out->push_back(it->second.rec);
         }
         return true;
     }
 
-    std::optional<StoredEntry> get(int, int db, const std::string &type,
-                                   const RecordKey &k) override {
-        auto dbit = st().dbs.find(db);
+    std::optional<Record> get(int, const Record &rec) override {
+        auto dbit = st().dbs.find(rec.db);
         if (dbit == st().dbs.end()) return std::nullopt;
-        auto it = dbit->second.find(StoreKey{type, k.order, k.key});
+        auto it = dbit->second.find(rec.id());
         if (it == dbit->second.end()) return std::nullopt;
-        return StoredEntry{it->first, it->second};
+        return it->second.rec;
     }
 
     bool subscribe(int member, Subscription &sub) override {
         // What is already there first, then the request to sync up.
-        std::vector<StoredEntry> stored;
+        std::vector<Record> stored;
         records(member, sub.db, sub.type, &stored);
-        for (const StoredEntry &e : stored) {
-            queue_event(sub.desc, sub.cb, sub.client, form_cmd(e.rec), 0, true, e.rec.packed,
-                        sub.id);
+        for (Record &rec : stored) {
+            queue_event(sub.desc, sub.cb, sub.client, set_cmd(rec.form), 0, true,
+                        std::move(rec.packed), sub.id);
         }
         queue_event(sub.desc, sub.cb, sub.client, XN_MOM_CMD_DS, 0, false, {}, sub.id);
         return true;
@@ -122,8 +120,8 @@ class EmbeddedStore : public Store {
     void bracket_begin(int, int db, const std::string &type) override {
         auto dbit = st().dbs.find(db);
         if (dbit == st().dbs.end()) return;
-        for (auto it = dbit->second.lower_bound(StoreKey{type, "", ""});
-             it != dbit->second.end() && it->first.type == type; ++it) {
+        for (auto it = first_of(dbit->second, type);
+             it != dbit->second.end() && it->second.rec.type == type; ++it) {
             it->second.expired = true;
         }
     }
@@ -133,13 +131,13 @@ class EmbeddedStore : public Store {
         if (dbit == st().dbs.end()) return;
         Database &records = dbit->second;
         bool changed = false;
-        for (auto it = records.lower_bound(StoreKey{type, "", ""});
-             it != records.end() && it->first.type == type;) {
+        for (auto it = first_of(records, type);
+             it != records.end() && it->second.rec.type == type;) {
             if (!it->second.expired) {
                 ++it;
                 continue;
             }
-            std::string packed = std::move(it->second.packed);
+            std::string packed = std::move(it->second.rec.packed);
             it = records.erase(it);
             notify(db, type, XN_MOM_CMD_DEL, packed);
             changed = true;
@@ -150,7 +148,7 @@ class EmbeddedStore : public Store {
     void drop_instance() override {
         // A bracket the module opened dies with it; its records are no longer doomed.
         for (auto &[db, records] : st().dbs) {
-            for (auto &[k, rec] : records) rec.expired = false;
+            for (auto &[id, kept] : records) kept.expired = false;
         }
     }
 };
@@ -177,10 +175,11 @@ void flush_dbs() {
         }
         out << "# dpm platform databases: db type form key order packed\n";
         for (const auto &[db, records] : st().dbs) {
-            for (const auto &[k, rec] : records) {
-                out << db << ' ' << k.type << ' ' << (rec.field_form ? 1 : 0) << ' '
-                    << hex_token(k.key) << ' ' << hex_token(k.order) << ' ' << hex_token(rec.packed)
-                    << '\n';
+            for (const auto &[id, kept] : records) {
+                const Record &rec = kept.rec;
+                out << db << ' ' << rec.type << ' ' << (rec.form == Form::Fields ? 1 : 0) << ' '
+                    << hex_token(rec.key) << ' ' << hex_token(rec.order) << ' '
+                    << hex_token(rec.packed) << '\n';
             }
         }
         if (!out.flush()) {

@@ -53,31 +53,31 @@ Reply RedisStore::call(const std::vector<std::string> &args) {
 
 // ---- the Store interface -----------------------------------------------------------
 
-int RedisStore::write(int member, int db, const std::string &type, const RecordKey &k,
-                      const std::string &packed, bool field_form) {
-    const Names n = names(member, db, type, k);
-    const std::string d = std::to_string(db);
-    Op op = change(kWrite, db, {n.record, n.keys, n.age, n.types},
-                   {n.member, packed, field_form ? "1" : "0", record_text(type, packed),
-                    std::to_string(field_form ? XN_MOM_CMD_HMSET : XN_MOM_CMD_SET), n.base,
-                    std::to_string(opt_.stream_max), type},
-                   d + " " + n.record, d + " " + n.base, "set " + n.record + " in db " + d);
-    op.placeholder = watched(member, db, n.base);
+int RedisStore::write(int member, const Record &rec) {
+    const Names n = names(member, rec);
+    const std::string d = std::to_string(rec.db);
+    const bool fields = rec.form == Form::Fields;
+    Op op = change(
+        kWrite, rec.db, {n.record, n.keys, n.age, n.types},
+        {n.member, rec.packed, fields ? "1" : "0", record_text(rec),
+         std::to_string(set_cmd(rec.form)), n.base, std::to_string(opt_.stream_max), rec.type},
+        d + " " + n.record, d + " " + n.base, "set " + n.record + " in db " + d);
+    op.placeholder = watched(member, rec.db, n.base);
     return submit(std::move(op));
 }
 
-int RedisStore::del(int member, int db, const std::string &type, const RecordKey &k) {
-    const Names n = names(member, db, type, k);
-    const std::string d = std::to_string(db);
-    Op op = change(kDel, db, {n.record, n.keys, n.age},
+int RedisStore::del(int member, const Record &rec) {
+    const Names n = names(member, rec);
+    const std::string d = std::to_string(rec.db);
+    Op op = change(kDel, rec.db, {n.record, n.keys, n.age},
                    {n.member, n.base, std::to_string(opt_.stream_max)}, d + " " + n.record,
                    d + " " + n.base, "delete " + n.record + " in db " + d);
-    op.placeholder = watched(member, db, n.base);
+    op.placeholder = watched(member, rec.db, n.base);
     return submit(std::move(op));
 }
 
 void RedisStore::bracket_begin(int member, int db, const std::string &type) {
-    const Names n = names(member, db, type, RecordKey{});
+    const Names n = names(member, db, type);
     const std::string scope = std::to_string(db) + " " + n.base;
     submit(change(kBracketBegin, db, {n.bracket}, {}, scope, scope,
                   "open the data-sync bracket of " + n.base + " in db " + std::to_string(db)));
@@ -85,7 +85,7 @@ void RedisStore::bracket_begin(int member, int db, const std::string &type) {
 }
 
 void RedisStore::bracket_end(int member, int db, const std::string &type) {
-    const Names n = names(member, db, type, RecordKey{});
+    const Names n = names(member, db, type);
     const std::string scope = std::to_string(db) + " " + n.base;
     Op op =
         change(kBracketEnd, db, {n.bracket, n.keys, n.age},
@@ -99,7 +99,7 @@ void RedisStore::bracket_end(int member, int db, const std::string &type) {
 void RedisStore::drop_instance() {
     // A bracket the module opened dies with it; its records are no longer doomed.
     for (const auto &[member, db, type] : brackets_) {
-        const Names n = names(member, db, type, RecordKey{});
+        const Names n = names(member, db, type);
         const std::string scope = std::to_string(db) + " " + n.base;
         submit(change(kBracketDrop, db, {n.bracket}, {}, scope, scope,
                       "drop the data-sync bracket of " + n.base));

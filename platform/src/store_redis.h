@@ -72,13 +72,10 @@ class RedisStore final : public Store {
     ~RedisStore() override;
     bool start(std::string *error);
 
-    int write(int member, int db, const std::string &type, const RecordKey &k,
-              const std::string &packed, bool field_form) override;
-    int del(int member, int db, const std::string &type, const RecordKey &k) override;
-    bool records(int member, int db, const std::string &type,
-                 std::vector<StoredEntry> *out) override;
-    std::optional<StoredEntry> get(int member, int db, const std::string &type,
-                                   const RecordKey &k) override;
+    int write(int member, const Record &rec) override;
+    int del(int member, const Record &rec) override;
+    bool records(int member, int db, const std::string &type, std::vector<Record> *out) override;
+    std::optional<Record> get(int member, const Record &rec) override;
     bool subscribe(int member, Subscription &sub) override;
     void catch_up() override;
     void bracket_begin(int member, int db, const std::string &type) override;
@@ -125,7 +122,7 @@ class RedisStore final : public Store {
     void report_position();
 
     // ---- snapshots (redis_snapshot.cpp)
-    using TakeRecord = std::function<void(const std::string &packed, bool field_form)>;
+    using TakeRecord = std::function<void(std::string packed, Form form)>;
     bool read_type(int member, int db, const std::string &type, const TakeRecord &take, Skip *skip);
 
     // ---- the unit (redis_unit.cpp)

@@ -12,47 +12,35 @@ using platform::st;
 namespace platform {
 namespace {
 
-int host_write(int db, const std::string &type, const std::string &packed, bool field_form) {
-    platform::RecordKey k;
-    if (!platform::key_of_packed(type, packed, &k)) return -1;
-    return platform::store().write(st().view_member, db, type, k, packed, field_form);
-}
-
-StoredRecord to_record(int db, const platform::StoredEntry &e) {
-    return StoredRecord{db, e.key.type, e.key.key, e.rec.packed, e.rec.field_form};
+int host_write(int db, const std::string &type, const std::string &packed, Form form) {
+    std::optional<Record> rec = make_record(db, type, packed, form);
+    return rec ? platform::store().write(st().view_member, *rec) : -1;
 }
 
 }  // namespace
 
 int db_set(int db, const std::string &type, const std::string &packed) {
-    return host_write(db, type, packed, false);
+    return host_write(db, type, packed, Form::Whole);
 }
 
 int db_hmset(int db, const std::string &type, const std::string &packed) {
-    return host_write(db, type, packed, true);
+    return host_write(db, type, packed, Form::Fields);
 }
 
 int db_del(int db, const std::string &type, const std::string &packed) {
-    platform::RecordKey k;
-    if (!platform::key_of_packed(type, packed, &k)) return -1;
-    return platform::store().del(st().view_member, db, type, k);
+    std::optional<Record> rec = make_record(db, type, packed);
+    return rec ? platform::store().del(st().view_member, *rec) : -1;
 }
 
-std::vector<StoredRecord> db_records(int db, const std::string &type) {
-    std::vector<StoredRecord> out;
-    std::vector<platform::StoredEntry> records;
-    platform::store().records(st().view_member, db, type, &records);
-    out.reserve(records.size());
-    for (const auto &e : records) out.push_back(to_record(db, e));
+std::vector<Record> db_records(int db, const std::string &type) {
+    std::vector<Record> out;
+    platform::store().records(st().view_member, db, type, &out);
     return out;
 }
 
-std::optional<StoredRecord> db_get(int db, const std::string &type, const std::string &packed) {
-    platform::RecordKey k;
-    if (!platform::key_of_packed(type, packed, &k)) return std::nullopt;
-    auto e = platform::store().get(st().view_member, db, type, k);
-    if (!e) return std::nullopt;
-    return to_record(db, *e);
+std::optional<Record> db_get(int db, const std::string &type, const std::string &packed) {
+    std::optional<Record> rec = make_record(db, type, packed);
+    return rec ? platform::store().get(st().view_member, *rec) : std::nullopt;
 }
 
 int db_use_redis(const RedisOptions &opt, std::string *error) {

@@ -9,7 +9,7 @@
 #include <map>
 #include <string>
 
-#include "record_text.h"
+#include "record_builders.h"
 #include "udp_dpm.h"
 
 namespace dpm_oracle {

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "alloc_track.h"
-#include "record_text.h"
+#include "record_builders.h"
 #include "stress_unit.h"
 #include "u_cluster.pb.h"
 

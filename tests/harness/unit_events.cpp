@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "p_dev.pb.h"
-#include "record_text.h"
+#include "record_builders.h"
 #include "s_intf.pb.h"
 #include "stress_unit.h"
 

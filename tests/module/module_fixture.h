@@ -15,7 +15,7 @@
 
 #include "module_state.h"
 #include "platform_ctl.h"
-#include "record_text.h"
+#include "record_builders.h"
 
 namespace dpm_test {
 

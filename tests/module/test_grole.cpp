@@ -7,11 +7,11 @@ namespace {
 using namespace dpm_test;
 
 // A card record of device 2, slot `slot` (subslot `sslot`), online or not.
-struct Card : Record<PDev__CardInfo> {
+struct Card : FromText<PDev__CardInfo> {
     Card(int32_t slot, bool online, int32_t sslot = 0)
-        : Record(&p_dev__card_info__descriptor,
-                 fmt("index { devid: 2 slotid: %d sslotid: %d } is_online: %d", slot, sslot,
-                     online ? 1 : 0)) {}
+        : FromText(&p_dev__card_info__descriptor,
+                   fmt("index { devid: 2 slotid: %d sslotid: %d } is_online: %d", slot, sslot,
+                       online ? 1 : 0)) {}
 };
 
 class GroleTest : public ModuleTest {};

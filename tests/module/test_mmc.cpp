@@ -13,7 +13,8 @@ class Mmc : public ModuleTest {
         return fmt("index { t_cfg_modid: %u apid: %u }", modid, apid);
     }
     static int deliver(int cmd, uint32_t modid, uint32_t apid) {
-        Record<UCluster__MainmcVlanSt> b(&u_cluster__mainmc_vlan_st__descriptor, back(modid, apid));
+        FromText<UCluster__MainmcVlanSt> b(&u_cluster__mainmc_vlan_st__descriptor,
+                                           back(modid, apid));
         return dpm_mmc_back_cb(platform::host_handle(), Event::with(cmd, b.base()).get());
     }
     static void store_back(uint32_t modid, uint32_t apid) {

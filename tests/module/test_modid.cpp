@@ -12,12 +12,12 @@ namespace {
 using namespace dpm_test;
 
 // A line card's module id on chip `unit` of device/slot.
-struct ModAlloc : Record<SIntf__EvtModAlloc> {
+struct ModAlloc : FromText<SIntf__EvtModAlloc> {
     ModAlloc(int32_t devid, int32_t slot, int32_t modid, int32_t unit = 0, int32_t sslot = 0)
-        : Record(&s_intf__evt_mod_alloc__descriptor,
-                 fmt("index { devid: %d slotid: %d sslotid: %d unit: %d } modid: %d node: 7 "
-                     "unit: %d node_type: DM_TYPE_LC idnum_per_unit: 4",
-                     devid, slot, sslot, unit, modid, unit)) {}
+        : FromText(&s_intf__evt_mod_alloc__descriptor,
+                   fmt("index { devid: %d slotid: %d sslotid: %d unit: %d } modid: %d node: 7 "
+                       "unit: %d node_type: DM_TYPE_LC idnum_per_unit: 4",
+                       devid, slot, sslot, unit, modid, unit)) {}
 };
 
 int add(ModAlloc &m) {

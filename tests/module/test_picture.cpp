@@ -14,7 +14,7 @@
 #include "lexer.h"
 #include "module_fixture.h"
 #include "picture.h"
-#include "records.h"
+#include "record_text.h"
 #include "u_cluster.pb.h"
 
 namespace {
@@ -24,10 +24,8 @@ using dpm_test::fmt;
 using host::MemberView;
 using host::ProcessState;
 
-platform::StoredRecord rec(int db, const std::string &type, const std::string &text) {
-    std::string bytes;
-    EXPECT_TRUE(host::parse_record(host::record_type(type), text)->SerializeToString(&bytes));
-    return {db, type, "", bytes, false};
+platform::Record rec(int db, const std::string &type, const std::string &text) {
+    return platform::make_record(db, type, dpm_test::packed(type, text)).value();
 }
 
 // A unit wired in `order`: hop i joins order[i] and order[i + 1] (and the last
@@ -39,7 +37,7 @@ platform::StoredRecord rec(int db, const std::string &type, const std::string &t
 std::vector<MemberView> unit(const std::vector<int> &order, bool ring, int links, int modids) {
     auto modid = [&](int d, int slot) { return (d - 1) * (2 + modids) + slot; };
     std::map<int, MemberView> views;
-    std::vector<platform::StoredRecord> shared;
+    std::vector<platform::Record> shared;
     for (int d : order) {
         views[d] = {static_cast<uint32_t>(d), {}, ProcessState::running};
         shared.push_back(rec(8, "u_cluster.kel_dev_fwdstate",
@@ -90,8 +88,9 @@ std::vector<MemberView> unit(const std::vector<int> &order, bool ring, int links
                 b.set_local_modid(modid(d, apid));
                 b.set_apid(apid);
                 b.set_lport(1 + n / 2 % links);
-                v.records.push_back(
-                    {14, "u_cluster.kel_uc_balance", "", b.SerializeAsString(), false});
+                v.records.push_back({.db = 14,
+                                     .type = "u_cluster.kel_uc_balance",
+                                     .packed = b.SerializeAsString()});
             }
         }
         v.records.insert(v.records.end(), shared.begin(), shared.end());
@@ -105,7 +104,7 @@ std::vector<MemberView> unit(const std::vector<int> &order, bool ring, int links
 // an empty `text` only removes it.
 void put(MemberView &v, int db, const std::string &type, const std::string &key,
          const std::string &text) {
-    auto same = [&](const platform::StoredRecord &r) {
+    auto same = [&](const platform::Record &r) {
         if (r.db != db || r.type != type) return false;
         return host::short_text(*host::unpack_record(host::record_type(type), r.packed))
                    .find(key) != std::string::npos;
@@ -167,7 +166,7 @@ std::vector<MemberView> one_of_a_chain() {
                 "peer_slot_id: 7 peer_lport: %d",
                 dev, dev));
     }
-    two.records.push_back({14, "u_cluster.kel_uc_balance", "", "\xff\xff", false});
+    two.records.push_back({.db = 14, .type = "u_cluster.kel_uc_balance", .packed = "\xff\xff"});
     for (int d : {5, 6}) {
         put(two, 0, "s_intf.evt_mod_alloc", "devid: " + std::to_string(d),
             "index { devid: " + std::to_string(d) + " slotid: 1 } modid: " + std::to_string(d));

@@ -14,9 +14,9 @@ std::string chip_state(uint32_t dev, uint32_t unit, uint32_t modid) {
     return fmt("index { t_devid: %u slot: 1 unit: %u } fwd_state: \"forward\" modid: %u", dev, unit,
                modid);
 }
-struct ChipState : Record<UCluster__VslChipFwdstate> {
+struct ChipState : FromText<UCluster__VslChipFwdstate> {
     ChipState(uint32_t dev, uint32_t unit, uint32_t modid)
-        : Record(&u_cluster__vsl_chip_fwdstate__descriptor, chip_state(dev, unit, modid)) {}
+        : FromText(&u_cluster__vsl_chip_fwdstate__descriptor, chip_state(dev, unit, modid)) {}
 };
 
 int feed(Event e) {

@@ -12,12 +12,12 @@ using namespace dpm_test;
 
 // Port `lport` of device 1 slot 1 facing port `peer_lport` (the same one by
 // default) of device 2 slot 1.
-struct Link : Record<PDev__VslLocalLink> {
+struct Link : FromText<PDev__VslLocalLink> {
     Link(int32_t lport, int32_t status, int32_t apid = 1, int32_t peer_lport = -1)
-        : Record(&p_dev__vsl_local_link__descriptor,
-                 fmt("index { devid: 1 slotid: 1 lport: %d } status: %d vsl_ap: %d "
-                     "peer_dev_id: 2 peer_slot_id: 1 peer_lport: %d",
-                     lport, status, apid, peer_lport < 0 ? lport : peer_lport)) {}
+        : FromText(&p_dev__vsl_local_link__descriptor,
+                   fmt("index { devid: 1 slotid: 1 lport: %d } status: %d vsl_ap: %d "
+                       "peer_dev_id: 2 peer_slot_id: 1 peer_lport: %d",
+                       lport, status, apid, peer_lport < 0 ? lport : peer_lport)) {}
 };
 
 int feed(Link &l) {
@@ -109,9 +109,9 @@ TEST_F(VslLinkTest, SecondPortNeedsBothChipsInTheList) {
                "dpm_proc_rdy_chip_in_unused"));
 
     // The far chip reports forward: the chip handler moves the port.
-    Record<UCluster__VslChipFwdstate> st(&u_cluster__vsl_chip_fwdstate__descriptor,
-                                         "index { t_devid: 2 slot: 1 } fwd_state: \"forward\" "
-                                         "modid: 20");
+    FromText<UCluster__VslChipFwdstate> st(&u_cluster__vsl_chip_fwdstate__descriptor,
+                                           "index { t_devid: 2 slot: 1 } fwd_state: \"forward\" "
+                                           "modid: 20");
     ASSERT_EQ(dpm_vsl_chipst_cb(platform::host_handle(), Event::set(st.base()).get()), 0);
     EXPECT_EQ(waiting(2), nullptr);
     EXPECT_NE(active(2), nullptr);

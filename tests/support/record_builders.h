@@ -1,5 +1,5 @@
 // Records for tests and benchmarks, built from their text form (the host's,
-// records.h): the wire form of a record of a named type, the same as a
+// record_text.h): the wire form of a record of a named type, the same as a
 // protobuf-c message owned by its holder, and printf-style text for records
 // whose fields come from a table.
 #pragma once
@@ -9,7 +9,7 @@
 
 #include <protobuf-c/protobuf-c.h>
 
-#include "records.h"
+#include "record_text.h"
 
 namespace dpm_test {
 
@@ -46,8 +46,8 @@ struct Unpacked {
 
 // A protobuf-c record of the type `d` describes, built from its text form.
 template <class T>
-struct Record : Unpacked<T> {
-    Record(const ProtobufCMessageDescriptor *d, const std::string &text)
+struct FromText : Unpacked<T> {
+    FromText(const ProtobufCMessageDescriptor *d, const std::string &text)
         : Unpacked<T>(d, packed(d->name, text)) {}
     ProtobufCMessage *base() const { return &this->msg->base; }
 };

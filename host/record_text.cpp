@@ -1,5 +1,5 @@
-// Records in text format (see records.h).
-#include "records.h"
+// The text form of records (see record_text.h).
+#include "record_text.h"
 
 #include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/text_format.h>
@@ -128,6 +128,24 @@ std::string short_text(const pb::Message &m) {
     std::string out;
     append_fields(m, &out);
     return out;
+}
+
+std::string stored_text(const platform::Record &rec) {
+    const pb::Descriptor *d = pb::DescriptorPool::generated_pool()->FindMessageTypeByName(rec.type);
+    std::unique_ptr<pb::Message> m = d != nullptr ? unpack_record(d, rec.packed) : nullptr;
+    if (m == nullptr) {
+        return rec.type + " <" + std::to_string(rec.packed.size()) + " bytes that do not decode>";
+    }
+    std::string t = short_text(*m);
+    return rec.type + (t.empty() ? " { }" : " { " + t + " }");
+}
+
+void keep_record_text() {
+    platform::set_record_text([](const std::string &type, const std::string &packed) {
+        const pb::Descriptor *d = pb::DescriptorPool::generated_pool()->FindMessageTypeByName(type);
+        std::unique_ptr<pb::Message> m = d != nullptr ? unpack_record(d, packed) : nullptr;
+        return m != nullptr ? short_text(*m) : std::string();
+    });
 }
 
 }  // namespace host

@@ -1,7 +1,7 @@
-// Records as the scenario language writes them: protobuf text format parsed
-// with the C++ generated code of the record schemas, packed to the wire form
-// the stand-in stores, and printed back in a short one-line form that parses
-// again (repeated numbers as lists).
+// The text form of records: protobuf text format, as the scenario language
+// writes them, parsed with the C++ generated code of the record schemas and
+// packed to the wire form the stand-in stores; printed back in a short
+// one-line form that parses again (repeated numbers as lists).
 #pragma once
 
 #include <memory>
@@ -9,6 +9,8 @@
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
+
+#include "platform_ctl.h"
 
 namespace host {
 
@@ -30,5 +32,12 @@ std::unique_ptr<google::protobuf::Message> unpack_record(const google::protobuf:
 
 // One line: "index { modid: 5 } local_modid: 3 permit_modid: [1, 0, 0]".
 std::string short_text(const google::protobuf::Message &m);
+
+// "TYPE { short text }", or a note that the bytes do not decode.
+std::string stored_text(const platform::Record &rec);
+
+// Has the store keep each record's short text beside its bytes (empty when
+// they do not decode), for people reading a Redis store with redis-cli.
+void keep_record_text();
 
 }  // namespace host
