@@ -5,23 +5,29 @@
 # survived / not compiling / timed out, per file and per test.
 #
 #   scripts/mutate.sh (--sample N [--seed S] | --all) [--files REGEX] [--tests REGEX]
-#                     [--build DIR] [--fresh] [--report] [--min-rate PERCENT]
+#                     [--build DIR] [--asan DIR | --no-asan] [--fresh] [--report]
+#                     [--min-rate PERCENT]
 #
 #   --sample N  N mutants drawn at random (seed S, default 1), spread over the
 #               module's files by size; --all runs every mutant (many hours)
 #   --files     only mutants of the module files whose path matches REGEX
 #   --tests     only the ctest tests matching REGEX (quicker, partial kills)
 #   --build     build directory (default build/mutate, configured when missing)
+#   --asan      the sanitizer build (ASan+UBSan) for the last layer (default
+#               build/mutate-asan, configured when missing); --no-asan skips it
 #   --fresh     forget earlier results of this selection; without it a run
 #               resumes, skipping mutants whose result is already recorded
 #   --report    only print the summary of the recorded results
 #   --min-rate  exit 1 when the kill rate is below PERCENT (CI)
 #
 # Tests run in layers, cheapest first, each stopping at its first failure: the
-# module's unit tests, the scenarios, the oracle harness, the Redis runs. A
-# mutant is killed by the first layer that fails, so survivors cost a full
-# run and kills cost little. Each layer's per-test timeout is ten times its
-# slowest test in the unmutated run (at least 60 s).
+# module's unit tests, the scenarios, the oracle harness, the Redis runs, and
+# then, for a mutant all of them let through, every test again in the
+# sanitizer build (CI runs both builds, so a fault only ASan or UBSan sees,
+# a leak or a read past a table, is caught by the suite too). A mutant is
+# killed by the first layer that fails, so survivors cost a full run and kills
+# cost little. Each layer's per-test timeout is ten times its slowest test in
+# the unmutated run (at least 60 s).
 #
 # Results go to DIR/mutate/NAME.tsv (NAME: sample-N-seed-S or all) and the
 # selection to NAME.plan.tsv; the equivalent mutants of tests/mutation-triage.txt
@@ -32,8 +38,8 @@ root=$PWD
 py=/usr/bin/python3  # Debian's, which has python3-clang-14
 [[ -x $py ]] || py=python3
 build=build/mutate
-n="" seed=1 all=0 tests="" files="" fresh=0 report_only=0 min_rate=""
-usage="usage: $0 (--sample N [--seed S] | --all) [--files REGEX] [--tests REGEX] [--build DIR] [--fresh] [--report] [--min-rate P]"
+n="" seed=1 all=0 tests="" files="" asan=build/mutate-asan fresh=0 report_only=0 min_rate=""
+usage="usage: $0 (--sample N [--seed S] | --all) [--files REGEX] [--tests REGEX] [--build DIR] [--asan DIR|--no-asan] [--fresh] [--report] [--min-rate P]"
 while (($#)); do
   case $1 in
     --sample) n=$2; shift 2 ;;
@@ -42,6 +48,8 @@ while (($#)); do
     --tests) tests=$2; shift 2 ;;
     --files) files=$2; shift 2 ;;
     --build) build=$2; shift 2 ;;
+    --asan) asan=$2; shift 2 ;;
+    --no-asan) asan=""; shift ;;
     --fresh) fresh=1; shift ;;
     --report) report_only=1; shift ;;
     --min-rate) min_rate=$2; shift 2 ;;
@@ -82,7 +90,13 @@ if [[ ! -f $build/build.ninja ]]; then
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDPM_BENCH=OFF \
     -DDPM_FUZZ=OFF >/dev/null
 fi
-cmake --build "$build" >"$out/build.log" 2>&1 || { cat "$out/build.log"; exit 1; }
+if [[ -n $asan && ! -f $asan/build.ninja ]]; then
+  cmake -S . -B "$asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DDPM_SANITIZE=ON -DDPM_BENCH=OFF \
+    -DDPM_FUZZ=OFF >/dev/null
+fi
+for dir in "$build" $asan; do
+  cmake --build "$dir" >"$out/build.log" 2>&1 || { cat "$out/build.log"; exit 1; }
+done
 ((fresh)) && rm -f "$results"
 touch "$results"
 gen=($py scripts/mutate_gen.py ${files:+--files "$files"} "$build")
@@ -102,16 +116,24 @@ reap() {
   local p dir
   for p in /proc/[0-9]*; do
     dir=$(readlink "$p/cwd" 2>/dev/null) || continue
-    case $dir in "$tmp"/* | "$root/$build"/tests/redis*) kill "${p#/proc/}" 2>/dev/null || true ;; esac
+    case $dir in
+      "$tmp"/* | "$root/$build"/tests/redis* | "$root/$asan"/tests/redis*)
+        kill "${p#/proc/}" 2>/dev/null || true ;;
+    esac
   done
 }
 
-layers=("-L module" "-L scenario -LE redis" "-L oracle" "-L redis")
-run_layer() {  # run_layer INDEX LOG [TIMEOUT]: ctest of one layer
-  local args=(--test-dir "$build" -j2 $1)
+# name, build directory, ctest selection
+layers=("module $build -L module" "scenario $build -L scenario -LE redis"
+        "oracle $build -L oracle" "redis $build -L redis")
+[[ -n $asan ]] && layers+=("asan $asan")
+run_layer() {  # run_layer LAYER LOG [TIMEOUT]: ctest of one layer
+  local words=($1)
+  local args=(--test-dir "${words[1]}" -j2 "${words[@]:2}")
   [[ -n $tests ]] && args+=(-R "$tests")
   [[ -n ${3:-} ]] && args+=(--timeout "$3" --stop-on-failure)
-  TMPDIR=$tmp ctest "${args[@]}" >"$2" 2>&1 || true
+  TMPDIR=$tmp ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest "${args[@]}" >"$2" 2>&1 || true
   reap
 }
 # "name status seconds" of every test a ctest log reports.
@@ -133,7 +155,9 @@ for i in "${!layers[@]}"; do
   timeouts[$i]=$((slowest * 10 > 60 ? slowest * 10 : 60))
   counts[$i]=$(outcomes "$log" | wc -l)
 done
-echo "layers: ${layers[*]}; tests: ${counts[*]}; timeouts (s): ${timeouts[*]}"
+for i in "${!layers[@]}"; do
+  echo "layer ${layers[$i]}: ${counts[$i]} tests, timeout ${timeouts[$i]} s"
+done
 
 total=$(wc -l <"$plan")
 done_n=0
@@ -151,11 +175,18 @@ while IFS=$'\t' read -r -u 3 id file line col start end kind orig repl; do
     outcome=survived killers=""
     for i in "${!layers[@]}"; do
       log=$out/ctest.log
+      layer=${layers[$i]%% *}
+      if [[ $layer == asan ]] && ! cmake --build "$asan" >"$out/build.log" 2>&1; then
+        break  # compiles in one build only: nothing to learn
+      fi
       run_layer "${layers[$i]}" "$log" "${timeouts[$i]}"
-      failed=$(outcomes "$log" | awk '$2 != "Passed" { print $1 ":" $2 }' | tr '\n' ' ')
+      # Tests of the sanitizer build are named asan:NAME.
+      failed=$(outcomes "$log" |
+        awk -v p="$([[ $layer == asan ]] && echo asan:)" '$2 != "Passed" { print p $1 ":" $2 }' |
+        tr '\n' ' ')
       ran=$(outcomes "$log" | wc -l)
       if [[ -z $failed && $ran -lt ${counts[$i]} ]]; then
-        failed="layer-$i:tests-missing($ran/${counts[$i]})"
+        failed="layer-$layer:tests-missing($ran/${counts[$i]})"
       fi
       if [[ -n $failed ]]; then
         killers=${failed% }
@@ -173,6 +204,6 @@ while IFS=$'\t' read -r -u 3 id file line col start end kind orig repl; do
   printf '[%d/%d] %s %s:%s %s -> %s  (%ss)\n' "$done_n" "$total" "$outcome" "$file" "$line" \
     "$orig" "$repl" "$((SECONDS - t0))"
 done 3<"$plan"
-# Leave the build matching the restored sources.
-cmake --build "$build" >"$out/build.log" 2>&1 || true
+# Leave the builds matching the restored sources.
+for dir in "$build" $asan; do cmake --build "$dir" >"$out/build.log" 2>&1 || true; done
 report

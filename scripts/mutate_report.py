@@ -110,37 +110,57 @@ def main(argv):
 
     by_layer = collections.Counter()
     by_file = collections.Counter()
+    by_test = collections.Counter()
     for m in detected:
         layers, files = set(), set()
         for t in results[m][1]:
             name = t.rsplit(":", 1)[0]
-            layer, file = where.get(name, ("?", "?" if not name.startswith("layer-") else name))
+            plain = name[len("asan:"):] if name.startswith("asan:") else name
+            layer, file = where.get(plain, ("?", name if name.startswith("layer-") else "?"))
+            if plain != name:
+                layer = "asan"
             layers.add(layer)
             files.add(file)
+            by_test[name] += 1
         for x in layers:
             by_layer[x] += 1
         for x in files:
             by_file[x] += 1
-    print("\nfirst failing layer (module, then scenario, oracle, redis):")
-    for layer in ("module", "scenario", "oracle", "redis", "?"):
+    print("\nfirst failing layer (module, then scenario, oracle, redis, asan):")
+    for layer in ("module", "scenario", "oracle", "redis", "asan", "?"):
         if by_layer[layer]:
             print(f"  {layer:9s} {by_layer[layer]:4d}")
     print("per test file (mutants it failed first on):")
     for file, k in sorted(by_file.items(), key=lambda x: (-x[1], x[0])):
         print(f"  {k:4d}  {file}")
 
+    lines = {}
+
+    def source_line(p):
+        if p["file"] not in lines:
+            lines[p["file"]] = open(os.path.join(ROOT, p["file"]), encoding="latin-1").readlines()
+        text = lines[p["file"]]
+        return text[p["line"] - 1].strip() if p["line"] <= len(text) else ""
+
+    print("per test (mutants it failed on, first failing layer only):")
+    for name, k in sorted(by_test.items(), key=lambda x: (-x[1], x[0])):
+        print(f"  {k:4d}  {name}")
+
     def show(m):
         p = plan[m]
-        return f"{p['file'].split('/')[-1]}:{p['line']}  {p['kind']}: {p['orig']} -> {p['repl']}"
+        return (f"{p['file'].split('/')[-1]}:{p['line']}  {p['kind']}: {p['orig']} -> {p['repl']}"
+                f"\n      in: {source_line(p)}")
     print(f"\nsurvivors ({len(survivors)}):")
     for m in sorted(survivors, key=lambda m: (plan[m]["file"], plan[m]["line"])):
-        print(f"  {show(m)}\n      id {m}")
+        print(f"  {show(m)}\n      id: {m}")
     print(f"equivalent, from the triage file ({len(equivalent)}):")
     for m in sorted(equivalent, key=lambda m: (plan[m]["file"], plan[m]["line"])):
-        print(f"  {show(m)}\n      {triage[m]}")
+        print(f"  {show(m)}\n      why: {triage[m]}")
     timeouts = [m for m in compiling if outcome[m] == "timeout"]
     if timeouts:
-        print(f"timed out ({len(timeouts)}): " + "; ".join(show(m) for m in timeouts))
+        print(f"timed out ({len(timeouts)}):")
+        for m in timeouts:
+            print(f"  {show(m)}")
 
     if min_rate is not None:
         got = 100.0 * len(detected) / len(compiling) if compiling else 0.0
