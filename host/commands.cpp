@@ -60,7 +60,7 @@ const std::vector<Command> &Host::commands() {
          "      [within DURATION]                  wait (bounded) for another process to make it "
          "so\n"
          "  expect log|no-log [FUNC] TEXT           a line of the previous command's log\n"
-         "  expect output|no-output TEXT | expect exit N\n",
+         "  expect output|no-output TEXT | expect output-is TEXT | expect exit N\n",
          &Host::do_expect, false},
         {"print", "  print TEXT                             a line of output\n", &Host::do_print,
          false},

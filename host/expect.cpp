@@ -55,6 +55,13 @@ std::string shown_output(std::string out) {
     return "output:" + block;
 }
 
+// A text with its newlines and tabs shown as escapes, as a script writes them.
+std::string escaped(const std::string &text) {
+    std::string out;
+    for (char ch : text) out += ch == '\n' ? "\\n" : ch == '\t' ? "\\t" : std::string(1, ch);
+    return out;
+}
+
 }  // namespace
 
 void Host::check_within(Cursor &c, const std::function<void()> &check) {
@@ -124,6 +131,13 @@ void Host::do_expect(Cursor &c) {
             throw ExpectFailure("expected no log line containing \"" + text + "\", got [" +
                                 hit->func + "] " + hit->text);
         }
+    } else if (what == "output-is") {
+        // Byte for byte: the previous command printed exactly this.
+        std::string text = c.rest();
+        if (last_output_ != text) {
+            throw ExpectFailure("expected the output \"" + escaped(text) + "\" exactly, got \"" +
+                                escaped(last_output_) + "\"");
+        }
     } else if (what == "output" || what == "no-output") {
         std::string text = c.rest();
         if (text.empty()) throw ScriptError("expect " + what + " needs a text");
@@ -138,8 +152,9 @@ void Host::do_expect(Cursor &c) {
         c.end();
         g_watch.next_status = status;
     } else {
-        throw ScriptError("unknown expectation '" + what +
-                          "' (record, absent, count, log, no-log, output, no-output, exit)");
+        throw ScriptError(
+            "unknown expectation '" + what +
+            "' (record, absent, count, log, no-log, output, output-is, no-output, exit)");
     }
 }
 

@@ -156,10 +156,8 @@ void Host::check_oracle() {
 }
 
 void Host::emit(const std::string &text) {
-    flush_module_stdout();
     if (!capture_active()) last_output_ += text;  // else the capture keeps it
-    // Debug commands often end without a newline; keep the next line apart.
-    std::cout << text << (text.empty() || text.back() == '\n' ? "" : "\n") << std::flush;
+    pass_through(text);
 }
 
 }  // namespace host

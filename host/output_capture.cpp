@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <iostream>
+
 namespace host {
 
 namespace {
@@ -51,6 +53,11 @@ bool capture_active() {
 
 void flush_module_stdout() {
     fflush(stdout);
+}
+
+void pass_through(const std::string &text) {
+    flush_module_stdout();
+    std::cout << text << std::flush;
 }
 
 }  // namespace host

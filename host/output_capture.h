@@ -17,5 +17,8 @@ std::string capture_end();
 bool capture_active();
 // Output of the module's own printf calls must land before ours.
 void flush_module_stdout();
+// Writes what a command printed exactly as it was printed: output that does
+// not end in a newline stays that way (a debug command's level line, say).
+void pass_through(const std::string &text);
 
 }  // namespace host
