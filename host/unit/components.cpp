@@ -108,6 +108,15 @@ void Components::write_links() {
 }
 
 void Components::bring_up() {
+    // The device-data library's port table (every link end's chip and
+    // physical port), shared once through the server with every process.
+    for (const auto &l : u_.links) {
+        for (const End *e : {&l.a, &l.b}) {
+            platform::set_chipid(e->member, e->slot, e->port,
+                                 static_cast<uint32_t>(u_.chip_of(*e)));
+            platform::set_phyid(e->member, e->slot, e->port, Unit::phy_of(*e));
+        }
+    }
     for (const auto &m : u_.members) {
         for (const auto &c : m.cards) platform::card_add(gslot(c));
     }
@@ -175,12 +184,6 @@ std::string member_script(const Unit &u, int member, int log_level) {
       << "set level-file \"" << log_level << "\"\n"
       << "set ring-cut " << (m != nullptr ? m->ring_cut : 0) << "\n"
       << "set node-type " << (m != nullptr ? m->node_type : 1) << "\n";
-    for (const auto &l : u.links) {
-        for (const End *e : {&l.a, &l.b}) {
-            s << "port " << e->member << "/" << e->slot << "/" << e->port << " chip "
-              << u.chip_of(*e) << " phy " << Unit::phy_of(*e) << "\n";
-        }
-    }
     static const char *const kRoles[] = {"DM_ROLE_NONE", "DM_ROLE_MASTER", "DM_ROLE_SLAVE",
                                          "DM_ROLE_CANDIDATE"};
     if (m != nullptr && m->role != 0)

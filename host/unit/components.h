@@ -18,7 +18,8 @@ class Components {
   public:
     explicit Components(const Unit &u) : u_(u) {}
 
-    // Every card, module id, VSL chip state and link, all present and up.
+    // The port table, every card, module id, VSL chip state and link, all
+    // present and up.
     void bring_up();
     void set_link(const End &one_end, bool up);
     void set_hop(int m, int n, bool up);
@@ -42,9 +43,9 @@ class Components {
     std::set<std::tuple<int, int, int, int>> written_;     // ends written at all
 };
 
-// The script each member's dpm-host plays before it serves: the device-data
-// library's port table (every port of the unit, far ends included), the
-// ring-cut type, the log level, the role, then the module's start.
+// The script each member's dpm-host plays before it serves: the log level,
+// the ring-cut type, the node type, the role, then the module's start. The
+// port table is the unit's, shared through the server (bring_up).
 std::string member_script(const Unit &u, int member, int log_level);
 
 }  // namespace unit

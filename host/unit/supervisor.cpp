@@ -74,7 +74,8 @@ void Supervisor::start() {
     components_.bring_up();
     log("inputs written: " + std::to_string(u_.members.size()) + " members, " +
         std::to_string(u_.links.size()) + " links");
-    turn(0);  // the link records reach the producer, which writes the maps
+    turn(0);               // the link records reach the producer, which writes the maps
+    platform::db_wait(0);  // all of it on the server before a member reads it
     mark();
     for (const auto &m : u_.members) start_member(m.id);
     start_responder();
