@@ -14,6 +14,8 @@
 // the queue is empty (poll).
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <optional>
 #include <thread>
 
 #include "store_redis.h"
@@ -98,10 +100,18 @@ int RedisStore::fetch(int wait_ms) {
         Ahead a;
         a.id = fetched_.id = str(e->element[0]);
         const redisReply *kv = e->element[1];
-        for (size_t j = 0; kv->type == REDIS_REPLY_ARRAY && j + 1 < kv->elements; j += 2) {
-            a.f[str(kv->element[j])] = str(kv->element[j + 1]);
-        }
-        if (!parse_u64(a.f["n"], &a.n)) {
+        // What decides whether the entry is kept is read first: most entries
+        // are of types nobody here watches, and are passed over unread.
+        auto value = [kv](const char *name) -> std::optional<std::string> {
+            for (size_t j = 0; kv->type == REDIS_REPLY_ARRAY && j + 1 < kv->elements; j += 2) {
+                const redisReply *k = kv->element[j];
+                if (k->type == REDIS_REPLY_STRING && std::strcmp(k->str, name) == 0) {
+                    return str(kv->element[j + 1]);
+                }
+            }
+            return std::nullopt;
+        };
+        if (!parse_u64(value("n").value_or(""), &a.n)) {
             log_throttled("entry",
                           "xn_mom: entry " + a.id + " of _events is not an event of ours: skipped");
             continue;
@@ -116,8 +126,16 @@ int RedisStore::fetch(int wait_ms) {
         // Kept until its turn only what someone here takes in: another
         // process's unit changes, and events of a type a subscription watches
         // (one made later starts from a snapshot that holds this event).
-        const bool unit = a.f.count("kind") != 0;
-        if (unit ? a.f["origin"] != origin_ : watched_type(a.f)) ahead_.push_back(std::move(a));
+        std::map<std::string, std::string> head;
+        for (const char *name : {"kind", "origin", "db", "type"}) {
+            if (auto v = value(name)) head[name] = std::move(*v);
+        }
+        const bool unit = head.count("kind") != 0;
+        if (!(unit ? head["origin"] != origin_ : watched_type(head))) continue;
+        for (size_t j = 0; kv->type == REDIS_REPLY_ARRAY && j + 1 < kv->elements; j += 2) {
+            a.f[str(kv->element[j])] = str(kv->element[j + 1]);
+        }
+        ahead_.push_back(std::move(a));
     }
     return static_cast<int>(entries->elements);
 }

@@ -16,9 +16,11 @@ local limit = tonumber(ARGV[3])
 local members = redis.call('ZRANGEBYLEX', KEYS[1], ARGV[2], '+', 'LIMIT', 0, limit)
 local out = {count, #members == limit and members[#members] or '', 0}
 for _, m in ipairs(members) do
+  -- One command per record: a key of another Redis type answers an error,
+  -- a key that is gone answers no bytes; either is not a record of ours.
   local key = record_of(m, ARGV[4])
-  local v = key and kind(key) == 'hash' and redis.call('HMGET', key, 'packed', 'form')
-  if v and v[1] then
+  local v = key and redis.pcall('HMGET', key, 'packed', 'form')
+  if v and not v.err and v[1] then
     out[#out + 1] = m
     out[#out + 1] = v[1]
     out[#out + 1] = v[2] or '0'
