@@ -219,8 +219,8 @@ bool Link::open(std::string *error) {
 
 bool Link::load_scripts(std::string *error) {
     static const char *const text[kScripts] = {
-        lua::write, lua::del,      lua::bracket_begin, lua::bracket_end, lua::bracket_drop,
-        lua::unit,  lua::snapshot, lua::position,      lua::unit_state,  lua::lease};
+        lua::batch,    lua::bracket_begin, lua::bracket_end, lua::bracket_drop, lua::unit,
+        lua::snapshot, lua::position,      lua::unit_state,  lua::lease};
     for (int i = 0; i < kScripts; i++) {
         // The shebang line first, then what every script shares.
         std::string body = text[i];

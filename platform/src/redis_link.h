@@ -36,8 +36,7 @@ bool parse_address(const std::string &text, const std::string &password_file, Ad
                    std::string *error);
 
 enum Script {
-    kWrite,
-    kDel,
+    kBatch,  // records written and deleted, one or many per call
     kBracketBegin,
     kBracketEnd,
     kBracketDrop,
@@ -70,6 +69,7 @@ class Link {
     // Queue a command; its reply comes back from next() with its tag.
     void append(const std::vector<std::string> &args, uint64_t tag = 0);
     void select(int db);
+    int selected() const { return selected_; }
     size_t owed() const { return owed_.size(); }
     // The oldest owed reply and its tag; null when the connection broke.
     Reply next(uint64_t *tag);

@@ -33,6 +33,14 @@ bool watched(int member, int db, const std::string &base) {
     return false;
 }
 
+// The changes one call of the batch script carries: from `at` on, per change
+// 'w' or 'd', its db and 8 or 3 more arguments (redis_writes.cpp).
+size_t batch_size(const std::vector<std::string> &args, size_t at) {
+    size_t n = 0;
+    for (; at < args.size(); ++n) at += args[at] == "w" ? 10 : 5;
+    return n;
+}
+
 }  // namespace
 
 RedisStore::RedisStore(Address address, const RedisOptions &opt)
@@ -58,7 +66,7 @@ int RedisStore::write(int member, const Record &rec) {
     const std::string d = std::to_string(rec.db);
     const bool fields = rec.form == Form::Fields;
     Op op = change(
-        kWrite, rec.db, {n.record, n.keys, n.age, n.types},
+        kBatch, rec.db, {n.record, n.keys, n.age, n.types},
         {n.member, rec.packed, fields ? "1" : "0", record_text(rec),
          std::to_string(set_cmd(rec.form)), n.base, std::to_string(opt_.stream_max), rec.type},
         d + " " + n.record, d + " " + n.base, "set " + n.record + " in db " + d);
@@ -69,9 +77,10 @@ int RedisStore::write(int member, const Record &rec) {
 int RedisStore::del(int member, const Record &rec) {
     const Names n = names(member, rec);
     const std::string d = std::to_string(rec.db);
-    Op op = change(kDel, rec.db, {n.record, n.keys, n.age},
+    Op op = change(kBatch, rec.db, {n.record, n.keys, n.age},
                    {n.member, n.base, std::to_string(opt_.stream_max)}, d + " " + n.record,
                    d + " " + n.base, "delete " + n.record + " in db " + d);
+    op.deletion = true;
     op.placeholder = watched(member, rec.db, n.base);
     return submit(std::move(op));
 }
@@ -149,7 +158,7 @@ void RedisStore::replay_commands(const std::vector<std::vector<std::string>> &lo
     const std::string origin = r ? std::to_string(r->integer) : "0";
     uint64_t seq = 0;
     std::set<std::string> changes;
-    for (Script c : {kWrite, kDel, kBracketBegin, kBracketEnd, kBracketDrop, kUnit}) {
+    for (Script c : {kBatch, kBracketBegin, kBracketEnd, kBracketDrop, kUnit}) {
         changes.insert(link_.sha(c));
     }
     for (std::vector<std::string> args : log) {
@@ -157,7 +166,8 @@ void RedisStore::replay_commands(const std::vector<std::vector<std::string>> &lo
             const size_t at = 3 + std::strtoul(args[2].c_str(), nullptr, 10) + 1;
             if (at + 1 < args.size()) {
                 args[at] = origin;
-                args[at + 1] = std::to_string(++seq);
+                args[at + 1] = std::to_string(seq + 1);
+                seq += args[1] == link_.sha(kBatch) ? batch_size(args, at + 2) : 1;
             }
         }
         link_.append(args);

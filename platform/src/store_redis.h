@@ -35,7 +35,9 @@ using Clock = std::chrono::steady_clock;
 struct Op {
     uint64_t id = 0;   // order of submission
     uint64_t seq = 0;  // this origin's change number once sent (0: not yet numbered)
-    Script script = kWrite;
+    Script script = kBatch;
+    bool deletion = false;  // kBatch: a record deleted, not written
+    uint64_t call = 0;      // the op whose call carried it (several share a batch)
     int db = 0;
     std::vector<std::string> keys, args;  // args after db, origin and number
     // Changes of one scope (a record, or a whole type for brackets) keep their
@@ -97,6 +99,8 @@ class RedisStore final : public Store {
     // ---- changes (redis_writes.cpp)
     int submit(Op op);
     void pump();
+    void send();
+    void send_batch(std::vector<Op> *batch);
     void drain();
     void take_reply(Op op, const redisReply *r, std::vector<Op> *again);
     void park(Op op, const std::string &cause);
@@ -163,6 +167,7 @@ class RedisStore final : public Store {
     std::set<uint64_t> waiting_;                // ops whose placeholder waits
     std::map<uint64_t, Pos> written_;           // their events, once acknowledged
     std::set<std::tuple<int, int, std::string>> brackets_;
+    bool pumping_ = false;
 
     // events
     bool started_ = false;
