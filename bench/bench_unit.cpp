@@ -8,6 +8,7 @@
 // memory of each member process, and where the CPU time went.
 //
 //   bench_unit [--members N] [--links L] [--modids M] [--rounds R] [--dir DIR]
+//              [--changes link,line-card,hop-card,hop,restart]   (default: all)
 #include <signal.h>
 #include <unistd.h>
 
@@ -76,6 +77,7 @@ long memory_kib(pid_t pid, const std::string &what) {
 int main(int argc, char **argv) {
     int members = 4, links = 16, modids = 1996, rounds = 5;
     std::string dir = "/tmp/bench-unit-" + std::to_string(getpid());
+    std::string changes = "link,line-card,hop-card,hop,restart";
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string w = argv[i];
         if (w == "--members")
@@ -88,7 +90,12 @@ int main(int argc, char **argv) {
             rounds = std::atoi(argv[i + 1]);
         else if (w == "--dir")
             dir = argv[i + 1];
+        else if (w == "--changes")
+            changes = argv[i + 1];
     }
+    auto wanted = [&](const std::string &c) {
+        return ("," + changes + ",").find("," + c + ",") != std::string::npos;
+    };
     const std::string text = ring(members, links, modids);
     unit::Unit u = unit::parse_unit(text, "ring");
     unit::Supervisor::Options o;
@@ -148,17 +155,23 @@ int main(int argc, char **argv) {
     const std::string line_card = last + "/3/0", vsl_card = "2/1/0";
     for (int r = 0; r < rounds; ++r) {
         std::string port = "1/1/0/" + std::to_string(1 + r % links);
-        change("link down", "link down " + port);
-        change("link up", "link up " + port);
-        change("line card out", "card out " + line_card);
-        change("line card in", "card in " + line_card);
-        change("hop card out", "card out " + vsl_card);
-        change("hop card in", "card in " + vsl_card);
-        if (members > 2) {
+        if (wanted("link")) {
+            change("link down", "link down " + port);
+            change("link up", "link up " + port);
+        }
+        if (wanted("line-card")) {
+            change("line card out", "card out " + line_card);
+            change("line card in", "card in " + line_card);
+        }
+        if (wanted("hop-card")) {
+            change("hop card out", "card out " + vsl_card);
+            change("hop card in", "card in " + vsl_card);
+        }
+        if (members > 2 && wanted("hop")) {
             change("hop down", "hop down 2 3");
             change("hop up", "hop up 2 3");
         }
-        change("member restart", "member restart " + last);
+        if (wanted("restart")) change("member restart", "member restart " + last);
     }
     std::cout << "ring of " << members << " members, " << links << " links per hop, " << modids
               << " module ids, " << rounds << " rounds\n"
