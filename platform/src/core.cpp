@@ -149,8 +149,14 @@ void drop_instance() {
 
 bool run_one() {
     auto &q = st().queue;
-    platform::store().flush();
-    if (q.empty()) platform::store().poll(0);
+    // While callbacks are queued, changes go out in whole calls and nothing
+    // waits for the server; once the queue is empty, poll sends the rest and
+    // reads the replies and what other processes wrote.
+    if (q.empty()) {
+        platform::store().poll(0);
+    } else {
+        platform::store().send_full();
+    }
     if (q.empty()) return false;
     // Take the item out first: the callback may queue more or drop the instance.
     platform::QueueItem item = std::move(q.front());

@@ -255,6 +255,15 @@ void Link::append(const std::vector<std::string> &args, uint64_t tag) {
     owed_.push_back(tag);
 }
 
+void Link::write_out() {
+    int done = 0;
+    while (ctx_ != nullptr && done == 0) {
+        if (redisBufferWrite(ctx_, &done) != REDIS_OK) {
+            close(ctx_->errstr[0] != '\0' ? ctx_->errstr : "connection lost");
+        }
+    }
+}
+
 void Link::select(int db) {
     if (selected_ == db || ctx_ == nullptr) return;
     append({"SELECT", std::to_string(db)});

@@ -71,6 +71,8 @@ class Link {
     void select(int db);
     int selected() const { return selected_; }
     size_t owed() const { return owed_.size(); }
+    // Write what is queued to the server now, without waiting for replies.
+    void write_out();
     // The oldest owed reply and its tag; null when the connection broke.
     Reply next(uint64_t *tag);
     // One command now. Every owed reply must have been taken first.

@@ -193,6 +193,17 @@ void RedisStore::send_batch(std::vector<Op> *batch) {
     batch->clear();
 }
 
+void RedisStore::send_full() {
+    // A burst of callbacks (a card's module ids, a restart's snapshot) goes
+    // out in whole calls while it runs, so the server works alongside; no
+    // callback waits for a round trip. The replies are read at the next
+    // drain, in order, as any pipelined reply.
+    if (unsent_.size() < kBatchMax || !link_.up()) return;
+    pump();
+    link_.write_out();
+    if (!link_.up()) drain();  // what was in flight goes again, in order
+}
+
 void RedisStore::drain() {
     pump();
     std::vector<Op> again;  // not applied: sent again, in order, with their numbers

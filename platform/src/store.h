@@ -51,6 +51,9 @@ class Store {
     }
     // Send what is still buffered (writes are pipelined).
     virtual void flush() {}
+    // Between callbacks: send the changes that fill whole calls, without
+    // waiting for their replies (flush and poll send the rest).
+    virtual void send_full() {}
     // Wait up to wait_ms until every change made is acknowledged; what is not
     // (one line each, and the count of dropped changes) is returned.
     virtual std::vector<std::string> finish(int wait_ms) {

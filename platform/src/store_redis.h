@@ -85,6 +85,7 @@ class RedisStore final : public Store {
     void drop_instance() override;
     bool poll(int wait_ms) override;
     void flush() override;
+    void send_full() override;
     std::vector<std::string> finish(int wait_ms) override;
     std::string status() override;
     int claim_member(int member, std::string *error) override;
