@@ -77,4 +77,21 @@ TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {
     EXPECT_TRUE(permit(igr[1], 102));
 }
 
+// A member counts as configured once it forwards and one of its unicast
+// entries is written; without a unicast route towards it, it does not. The
+// unicast writes themselves report no failure.
+TEST_F(Apply, ConfiguredMemberNeedsAWrittenUnicastEntry) {
+    for (bool routed : {true, false}) {
+        SCOPED_TRACE(routed);
+        TearDown();
+        SetUp();
+        if (!routed) set_dtm({{1, 3, 1}}, {{1, 2, 1, 1, 1, 0}});
+        dpm_find_dev_head(2)->fwd_state = DPM_FWD_FORWARD;
+        clear_log();
+        first_apply();
+        EXPECT_EQ(dpm_find_dev_head(2)->isconfig, routed ? 1 : 0);
+        EXPECT_FALSE(logged("apply uc failed, devid:2, rv is -11!"));
+    }
+}
+
 }  // namespace

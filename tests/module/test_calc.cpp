@@ -41,11 +41,13 @@ TEST_F(Calc, FiltersOfTwoMembersWithOneOwnMulticastRoute) {
 TEST_F(Calc, FilterRouteOddities) {
     // iif 0 adds no permit but its out-interfaces still open the block; only
     // the first two out-interfaces of a route count.
-    set_dtm({{1, 2, 1}}, {{1, 2, 0, 3, 1, 2}});
+    // A source outside the device range permits nothing.
+    set_dtm({{1, 2, 1}}, {{1, 2, 0, 3, 1, 2}, {1, 40, 1, 1, 1, 0}});
     add_vsl(1, 1);
     add_vsl(2, 2);
     ASSERT_EQ(dpm_calc_kel_cfg_by_dtm(), 0);
     EXPECT_TRUE(logged("apid:0"));
+    EXPECT_TRUE(logged("devid 40 is out of range, apid:1"));
     EXPECT_EQ(dpm_igr_permit[1].dev_bmp | dpm_igr_permit[2].dev_bmp, 0u);
     EXPECT_EQ(dpm_egr_block[1].modid_bmp, bmp({1, 2}));
     EXPECT_EQ(dpm_egr_block[2].modid_bmp, bmp({1, 2}));

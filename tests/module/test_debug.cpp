@@ -164,4 +164,16 @@ TEST_F(Debug, ModidAndDeviceDumpsFindTheirEntry) {
     EXPECT_EQ(run_cmd("dump_mod_slot"), "\n");
 }
 
+// Filters show devices 0..15 only; after start-up nothing is applied.
+TEST_F(Debug, FilterDumps) {
+    dpm_igr_permit[1].dev_bmp = (1U << 16) | (1U << 2);
+    dpm_bmp_set(dpm_igr_permit[1].modid_bmp, 9);
+    EXPECT_EQ(run_cmd("dump_igr", {1}),
+              "\ndpm_igr_permit\ndev_bmp:2,\nmodid_bmp:9,\n"
+              "\ndpm_igr_permit_applied\ndev_bmp:\nmodid_bmp:\n");
+    EXPECT_EQ(run_cmd("dump_egr", {2}),
+              "\ndpm_egr_block\ndev_bmp:\nmodid_bmp:\n"
+              "\ndpm_egr_block_applied\ndev_bmp:\nmodid_bmp:\n");
+}
+
 }  // namespace

@@ -134,6 +134,23 @@ TEST_F(DsEnd, RestoredMulticastBoundOrReplaced) {
         // apid 2 has no port: nothing to choose.
         EXPECT_EQ(dpm_mmc[2].valid, 0);
     }
+    // A dropped choice is not restored but made afresh; a restored one on an
+    // apid without ports is withdrawn and no longer awaited.
+    TearDown();
+    SetUp();
+    add_vsl(1, 1, 10, 20);
+    add_vsl(1, 4, 12, 22);
+    restored_mmc(1, 12);
+    dpm_mmc[1].valid = 0;
+    restored_mmc(2, 30);
+    ds_ready();
+    clear_log();
+    dpm_proc_ds_end(platform::host_handle());
+    EXPECT_FALSE(logged("apid 1 mmc restore! mmc_modid:12, lport:4"));
+    EXPECT_EQ(dpm_mmc[1].modid, 10u);
+    EXPECT_EQ(count_writes(kMmc, Op::Del), 1u);
+    EXPECT_EQ(dpm_mmc[2].valid, 0);
+    EXPECT_EQ(dpm_mmc[2].wait_add, 0);
 }
 
 }  // namespace
