@@ -102,6 +102,20 @@ TEST_F(DsEnd, RestartKeepsPlacementsAndExpiresTheRest) {
     EXPECT_EQ(dpm_mmc[1].vsl, p1);
 }
 
+// The end of the route-map scan, when the other inputs are over, starts the
+// data-sync end like any other.
+TEST_F(DsEnd, RouteMapScanEndCanBeTheLast) {
+    ds_ready();
+    dpm_dtm_cache.ds_end = 0;
+    Event over = Event::with(XN_MOM_CMD_SET);
+    over.msg.scan_over = XN_MOM_SCAN_OVER;
+    clear_log();
+    EXPECT_EQ(dpm_dtm_cb(platform::host_handle(), over.get()), 0);
+    EXPECT_EQ(dpm_dtm_cache.ds_end, 1);
+    EXPECT_TRUE(logged("enter", "dpm_proc_ds_end"));
+    EXPECT_FALSE(logged("ds not end!", "dpm_proc_ds_end"));
+}
+
 TEST_F(DsEnd, RestoredMulticastBoundOrReplaced) {
     struct Case {
         const char *name;

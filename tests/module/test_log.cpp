@@ -112,6 +112,23 @@ TEST_F(Log, RingKeepsTheLastSizeEvents) {
     EXPECT_EQ(udp_dpm_dbg_time_str[33].event, 33);
 }
 
+// Fixed paths live under UDP_DPM_ROOT when it is set and not empty.
+TEST(LogPath, RootPrefixesFixedPaths) {
+    const char *set = getenv("UDP_DPM_ROOT");
+    const std::string saved = set != nullptr ? set : "";
+    unsetenv("UDP_DPM_ROOT");
+    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/etc/pktdbg/fib");
+    setenv("UDP_DPM_ROOT", "", 1);
+    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/etc/pktdbg/fib");
+    setenv("UDP_DPM_ROOT", "\xff/r", 1);
+    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "\xff/r/etc/pktdbg/fib");
+    if (set != nullptr) {
+        setenv("UDP_DPM_ROOT", saved.c_str(), 1);
+    } else {
+        unsetenv("UDP_DPM_ROOT");
+    }
+}
+
 TEST_F(Log, RecordLogReplacesARunningRecording) {
     run_cmd("record_log", {20, 6});
     EXPECT_EQ(run_cmd("record_log", {5, 7}),
