@@ -61,7 +61,7 @@ while (($#)); do
 done
 if (( all + (${#n} > 0) + (${#ids} > 0) != 1 )); then echo "$usage" >&2; exit 2; fi
 if [[ -n $ids ]]; then
-  name=ids-$(basename "$ids" .txt | tr -c 'A-Za-z0-9_.' _)
+  name=ids-$(basename "$ids" .txt); name=${name//[^A-Za-z0-9_.-]/_}
 elif ((all)); then
   name=all
 else

@@ -81,6 +81,13 @@ TEST_F(FwdStateTest, EventsOfOtherMembers) {
     EXPECT_FALSE(logged("can't find dev 2"));
     EXPECT_EQ(dpm_modid_dev_cache.dev_cnt, 2U);
     EXPECT_EQ(dpm_find_dev_head(2)->fwd_state, DPM_FWD_FORWARD);
+    // A member not known yet is created with its state.
+    FromText<UCluster__KelDevFwdstate> unknown(&u_cluster__kel_dev_fwdstate__descriptor,
+                                               "index { devid: 3 } fwd_state: \"forward\"");
+    EXPECT_EQ(dpm_dev_fwd_state_cb(platform::host_handle(), Event::set(unknown.base()).get()), 0);
+    EXPECT_TRUE(logged("can't find dev 3"));
+    ASSERT_NE(dpm_find_dev_head(3), nullptr);
+    EXPECT_EQ(dpm_find_dev_head(3)->fwd_state, DPM_FWD_FORWARD);
     clear_log();
     EXPECT_EQ(dpm_dev_fwd_state_cb(platform::host_handle(), Event::hmset(rec.base()).get()), 0);
     EXPECT_TRUE(log().size() == 1U && logged("enter")) << log().size();

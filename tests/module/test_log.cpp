@@ -120,8 +120,8 @@ TEST(LogPath, RootPrefixesFixedPaths) {
     EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/etc/pktdbg/fib");
     setenv("UDP_DPM_ROOT", "", 1);
     EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/etc/pktdbg/fib");
-    setenv("UDP_DPM_ROOT", "\xff/r", 1);
-    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "\xff/r/etc/pktdbg/fib");
+    setenv("UDP_DPM_ROOT", "/r", 1);
+    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/r/etc/pktdbg/fib");
     if (set != nullptr) {
         setenv("UDP_DPM_ROOT", saved.c_str(), 1);
     } else {
