@@ -114,19 +114,14 @@ TEST_F(Log, RingKeepsTheLastSizeEvents) {
 
 // Fixed paths live under UDP_DPM_ROOT when it is set and not empty.
 TEST(LogPath, RootPrefixesFixedPaths) {
-    const char *set = getenv("UDP_DPM_ROOT");
-    const std::string saved = set != nullptr ? set : "";
+    const std::string saved = getenv("UDP_DPM_ROOT") != nullptr ? getenv("UDP_DPM_ROOT") : "";
     unsetenv("UDP_DPM_ROOT");
-    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/etc/pktdbg/fib");
-    setenv("UDP_DPM_ROOT", "", 1);
-    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/etc/pktdbg/fib");
-    setenv("UDP_DPM_ROOT", "/r", 1);
-    EXPECT_STREQ(udp_dpm_path("/etc/pktdbg/fib"), "/r/etc/pktdbg/fib");
-    if (set != nullptr) {
-        setenv("UDP_DPM_ROOT", saved.c_str(), 1);
-    } else {
-        unsetenv("UDP_DPM_ROOT");
+    EXPECT_STREQ(udp_dpm_path("/etc/x"), "/etc/x");
+    for (std::string root : {"", "/r"}) {
+        setenv("UDP_DPM_ROOT", root.c_str(), 1);
+        EXPECT_EQ(udp_dpm_path("/etc/x"), root + "/etc/x");
     }
+    setenv("UDP_DPM_ROOT", saved.c_str(), 1);
 }
 
 TEST_F(Log, RecordLogReplacesARunningRecording) {
