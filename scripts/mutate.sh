@@ -4,12 +4,14 @@
 # incrementally, runs the tests, restores the file, and reports killed /
 # survived / not compiling / timed out, per file and per test.
 #
-#   scripts/mutate.sh (--sample N [--seed S] | --all) [--files REGEX] [--tests REGEX]
+#   scripts/mutate.sh (--sample N [--seed S] | --all | --ids FILE) [--files REGEX] [--tests REGEX]
 #                     [--build DIR] [--asan DIR | --no-asan] [--fresh] [--report]
 #                     [--min-rate PERCENT]
 #
 #   --sample N  N mutants drawn at random (seed S, default 1), spread over the
 #               module's files by size; --all runs every mutant (many hours)
+#   --ids       only the mutants whose ids FILE lists, one a line (to check
+#               again the survivors of a sample after new tests)
 #   --files     only mutants of the module files whose path matches REGEX
 #   --tests     only the ctest tests matching REGEX (quicker, partial kills)
 #   --build     build directory (default build/mutate, configured when missing)
@@ -29,7 +31,7 @@
 # cost little. Each layer's per-test timeout is ten times its slowest test in
 # the unmutated run (at least 60 s).
 #
-# Results go to DIR/mutate/NAME.tsv (NAME: sample-N-seed-S or all) and the
+# Results go to DIR/mutate/NAME.tsv (NAME: sample-N-seed-S, all or ids-FILE) and the
 # selection to NAME.plan.tsv; the equivalent mutants of tests/mutation-triage.txt
 # are reported apart. Run it niced on a shared machine.
 set -euo pipefail
@@ -38,13 +40,14 @@ root=$PWD
 py=/usr/bin/python3  # Debian's, which has python3-clang-14
 [[ -x $py ]] || py=python3
 build=build/mutate
-n="" seed=1 all=0 tests="" files="" asan=build/mutate-asan fresh=0 report_only=0 min_rate=""
-usage="usage: $0 (--sample N [--seed S] | --all) [--files REGEX] [--tests REGEX] [--build DIR] [--asan DIR|--no-asan] [--fresh] [--report] [--min-rate P]"
+n="" seed=1 all=0 ids="" tests="" files="" asan=build/mutate-asan fresh=0 report_only=0 min_rate=""
+usage="usage: $0 (--sample N [--seed S] | --all | --ids FILE) [--files REGEX] [--tests REGEX] [--build DIR] [--asan DIR|--no-asan] [--fresh] [--report] [--min-rate P]"
 while (($#)); do
   case $1 in
     --sample) n=$2; shift 2 ;;
     --seed) seed=$2; shift 2 ;;
     --all) all=1; shift ;;
+    --ids) ids=$(realpath "$2"); shift 2 ;;
     --tests) tests=$2; shift 2 ;;
     --files) files=$2; shift 2 ;;
     --build) build=$2; shift 2 ;;
@@ -56,8 +59,14 @@ while (($#)); do
     *) echo "$usage" >&2; exit 2 ;;
   esac
 done
-if { ((all)) && [[ -n $n ]]; } || { ((!all)) && [[ -z $n ]]; }; then echo "$usage" >&2; exit 2; fi
-name=$( ((all)) && echo all || echo "sample-$n-seed-$seed")
+if (( all + (${#n} > 0) + (${#ids} > 0) != 1 )); then echo "$usage" >&2; exit 2; fi
+if [[ -n $ids ]]; then
+  name=ids-$(basename "$ids" .txt); name=${name//[^A-Za-z0-9_.-]/_}
+elif ((all)); then
+  name=all
+else
+  name=sample-$n-seed-$seed
+fi
 [[ -n $files ]] && name+="-files-$(tr -c 'A-Za-z0-9_.' _ <<<"$files")"
 [[ -n $tests ]] && name+="-tests-$(tr -c 'A-Za-z0-9_.' _ <<<"$tests")"
 out=$build/mutate
@@ -100,7 +109,13 @@ done
 ((fresh)) && rm -f "$results"
 touch "$results"
 gen=($py scripts/mutate_gen.py ${files:+--files "$files"} "$build")
-if ((all)); then
+if [[ -n $ids ]]; then
+  # The plan's first column is the id; keep the listed ones, in the plan's order.
+  "${gen[@]}" list | awk -F'\t' 'NR == FNR { if (NF) want[$0] = 1; next } $1 in want' "$ids" - \
+    >"$plan.new"
+  [[ $(wc -l <"$plan.new") == $(grep -c . "$ids") ]] ||
+    echo "warning: $(grep -c . "$ids") ids listed, $(wc -l <"$plan.new") found" >&2
+elif ((all)); then
   "${gen[@]}" list >"$plan.new"
 else
   "${gen[@]}" sample "$n" "$seed" >"$plan.new"

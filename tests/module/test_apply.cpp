@@ -50,6 +50,53 @@ TEST_F(Apply, EgressBlockIsBroughtUpToDateByTheFirstDevice) {
     const char *fn = "dpm_apply_egr_by_devid";
     EXPECT_TRUE(has_log(log, fn, "set egr success!, apid:1, devid:1"));
     EXPECT_TRUE(has_log(log, fn, "modbmp is not changed!"));
+
+    // A device outside the block with nothing of its own to withdraw finds
+    // no difference: the next one brings the record up to date.
+    add_mod(3, 103);
+    for (int apid : {1, 2}) dpm_bmp_set(dpm_egr_block[apid].modid_bmp, 103);
+    dpm_apply_egr_by_devid(dpm_find_dev_head(3), 1);
+    dpm_apply_egr_by_devid(own, 1);
+    const auto later = platform::take_log();
+    EXPECT_FALSE(has_log(later, fn, "set egr success!, apid:1, devid:3"));
+    EXPECT_TRUE(has_log(later, fn, "set egr success!, apid:1, devid:1"));
+}
+
+// A module id that left the cache leaves the wanted ingress permit; only
+// one that was written is withdrawn with a write.
+TEST_F(Apply, IngressPermitOfAModuleIdThatLeft) {
+    first_apply();
+    for (bool written : {false, true}) {
+        SCOPED_TRACE(written);
+        dpm_bmp_set(dpm_igr_permit[1].modid_bmp, 555);
+        if (written) dpm_bmp_set(dpm_igr_permit_applied[1].modid_bmp, 555);
+        platform::clear_module_writes();
+        clear_log();
+        dpm_apply_kel_cfg_by_devid(dpm_find_dev_head(2));
+        EXPECT_TRUE(logged("can't find modid 555 info!"));
+        EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit[1].modid_bmp, 555));
+        EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit_applied[1].modid_bmp, 555));
+        EXPECT_EQ(writes(kIgr).size(), written ? 1U : 0U);
+    }
+}
+
+// While this member forwards, a configured member waits as long as another
+// used member does not forward yet.
+TEST_F(Apply, ConfiguredMemberWaitsForTheOthersWhileThisOneForwards) {
+    add_mod(3, 300);
+    set_dtm({{1, 2, 1}, {1, 3, 1}}, {{1, 2, 1, 1, 1, 0}});
+    dpm_find_dev_head(2)->fwd_state = DPM_FWD_FORWARD;
+    first_apply();
+    ASSERT_EQ(dpm_find_dev_head(2)->isconfig, 1);
+    dpm_find_dev_head(1)->fwd_state = DPM_FWD_FORWARD;
+    for (bool others_forward : {false, true}) {
+        SCOPED_TRACE(others_forward);
+        if (others_forward) dpm_find_dev_head(3)->fwd_state = DPM_FWD_FORWARD;
+        clear_log();
+        ASSERT_EQ(dpm_apply_kel_cfg(), 0);
+        EXPECT_EQ(logged("enter, devid:2", "dpm_apply_kel_cfg_by_devid"), others_forward);
+        EXPECT_TRUE(logged("enter, devid:3", "dpm_apply_kel_cfg_by_devid"));
+    }
 }
 
 TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {
@@ -75,6 +122,23 @@ TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {
     EXPECT_FALSE(permit(igr[0], 102));  // not granted yet
     EXPECT_TRUE(permit(igr[0], 101));
     EXPECT_TRUE(permit(igr[1], 102));
+}
+
+// A member counts as configured once it forwards and one of its unicast
+// entries is written; with its unicast route on no aggregate port (oif 3) it
+// stays unplaced and does not. The unicast writes report no failure.
+TEST_F(Apply, ConfiguredMemberNeedsAWrittenUnicastEntry) {
+    for (bool routed : {true, false}) {
+        SCOPED_TRACE(routed);
+        TearDown();
+        SetUp();
+        if (!routed) set_dtm({{1, 2, 3}}, {{1, 2, 1, 1, 1, 0}});
+        dpm_find_dev_head(2)->fwd_state = DPM_FWD_FORWARD;
+        clear_log();
+        first_apply();
+        EXPECT_EQ(dpm_find_dev_head(2)->isconfig, routed ? 1 : 0);
+        EXPECT_FALSE(logged("apply uc failed, devid:2, rv is -11!"));
+    }
 }
 
 }  // namespace

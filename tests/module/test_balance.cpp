@@ -1,6 +1,8 @@
 // Unicast balance: placement on the least loaded port, the route lookup, and
 // the rebalancing passes (including caches whose counts disagree with their
 // bitmaps, which must not make the loop spin).
+#include <algorithm>
+
 #include "module_fixture.h"
 
 namespace {
@@ -12,8 +14,9 @@ class Balance : public ModuleTest {
     void SetUp() override {
         ModuleTest::SetUp();
         ds_ready();
-        // Member 1 reaches member 2 through apid 1 and member 3 through apid 2.
-        set_dtm({{1, 2, 1}, {1, 3, 2}, {2, 1, 1}}, {{1, 2, 1, 1, 1, 0}});
+        // Member 1 reaches member 2 through apid 1 and member 3 through apid 2;
+        // member 0's own route to member 2 is not ours.
+        set_dtm({{0, 2, 2}, {1, 2, 1}, {1, 3, 2}, {2, 1, 1}}, {{1, 2, 1, 1, 1, 0}});
     }
 };
 
@@ -45,6 +48,12 @@ TEST_F(Balance, RebalanceMovesHighestModidOfMostLoadedPort) {
         }
         dpm_restore_vsl_lb_ptr();
         dpm_restore_vsl_lb();
+        // Balanced now: the pointers' refresh finds nothing to report.
+        clear_log();
+        dpm_restore_vsl_lb_ptr();
+        const auto [low, high] = std::minmax_element(c.expected.begin(), c.expected.end());
+        EXPECT_FALSE(
+            logged(fmt("vsl restore is not balance! apid:1, max:%u, min:%u", *high, *low)));
         for (size_t p = 0; p < ports.size(); ++p) {
             EXPECT_EQ(ports[p]->modid_cnt, c.expected[p]) << "port " << p;
             EXPECT_EQ(dpm_list_count(&dpm_vslap_cache.ap[1].vsl_list), ports.size());
@@ -125,6 +134,7 @@ TEST_F(Balance, PlacementByTypeAndRoute) {
         EXPECT_EQ(dpm_bmp_test(p->modid_bmp, 50), c.placed);
         EXPECT_EQ(p->modid_cnt, c.load);
         EXPECT_TRUE(logged(c.log));
+        EXPECT_TRUE(logged("enter, modid:50", "dpm_uc_balance_for_modid_add"));
     }
 }
 

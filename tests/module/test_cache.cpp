@@ -62,6 +62,14 @@ TEST_F(Cache, ReadinessNeedsAllFourFlagsAndAMap) {
     dpm_dtm_cache.dtm_info_cnt = 0;
 }
 
+// The history keeps the last ten maps; older ones are released (the
+// sanitizer build sees one that is not).
+TEST_F(Cache, HistoryKeepsTheLastTenMaps) {
+    for (int i = 0; i < 12; ++i) set_dtm({}, {{1, 2, 1, 1, static_cast<uint8_t>(i), 0}});
+    EXPECT_EQ(dpm_list_count(&dpm_dtm_cache.history), 10U);
+    EXPECT_EQ(dpm_dtm_cache.oldest->mfibs[0].oif_id[0], 2);
+}
+
 TEST_F(Cache, LookupsFindFirstMatchAndRefuseOutOfRange) {
     EXPECT_EQ(dpm_find_dev_head(1), nullptr);
     dpm_dev_head *d2 = dpm_alloc_dev_head(2);

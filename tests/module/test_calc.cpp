@@ -41,11 +41,13 @@ TEST_F(Calc, FiltersOfTwoMembersWithOneOwnMulticastRoute) {
 TEST_F(Calc, FilterRouteOddities) {
     // iif 0 adds no permit but its out-interfaces still open the block; only
     // the first two out-interfaces of a route count.
-    set_dtm({{1, 2, 1}}, {{1, 2, 0, 3, 1, 2}});
+    // A source outside the device range permits nothing.
+    set_dtm({{1, 2, 1}}, {{1, 2, 0, 3, 1, 2}, {1, 40, 1, 1, 1, 0}});
     add_vsl(1, 1);
     add_vsl(2, 2);
     ASSERT_EQ(dpm_calc_kel_cfg_by_dtm(), 0);
     EXPECT_TRUE(logged("apid:0"));
+    EXPECT_TRUE(logged("devid 40 is out of range, apid:1"));
     EXPECT_EQ(dpm_igr_permit[1].dev_bmp | dpm_igr_permit[2].dev_bmp, 0u);
     EXPECT_EQ(dpm_egr_block[1].modid_bmp, bmp({1, 2}));
     EXPECT_EQ(dpm_egr_block[2].modid_bmp, bmp({1, 2}));
@@ -122,7 +124,15 @@ TEST_F(Calc, RemoteDeviceWithoutRouteStaysUnplaced) {
     dpm_restore_vsl_lb_ptr();
     // A stale bit of a module id that left the cache is dropped from its port.
     dpm_bmp_set(p1->modid_bmp, 555);
+    // Device 3 is not in the map: it is blocked and no longer configured,
+    // and as global master this member deletes its state record.
+    g_my_grole = DPM_ROLE_MASTER;
+    dpm_find_dev_head(3)->fwd_state = DPM_FWD_FORWARD;
+    dpm_find_dev_head(3)->isconfig = 1;
     ASSERT_EQ(dpm_calc_kel_cfg_by_dtm(), 0);
+    EXPECT_EQ(dpm_find_dev_head(3)->fwd_state, DPM_FWD_BLOCK);
+    EXPECT_EQ(dpm_find_dev_head(3)->isconfig, 0);
+    EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Del), 1u);
     EXPECT_TRUE(logged("cant find oif for modid 300!"));
     EXPECT_TRUE(logged("dpm_modid_uc_balance failed!"));
     EXPECT_TRUE(logged("can't find modid 555 info!"));

@@ -102,6 +102,20 @@ TEST_F(DsEnd, RestartKeepsPlacementsAndExpiresTheRest) {
     EXPECT_EQ(dpm_mmc[1].vsl, p1);
 }
 
+// The end of the route-map scan, when the other inputs are over, starts the
+// data-sync end like any other.
+TEST_F(DsEnd, RouteMapScanEndCanBeTheLast) {
+    ds_ready();
+    dpm_dtm_cache.ds_end = 0;
+    Event over = Event::with(XN_MOM_CMD_SET);
+    over.msg.scan_over = XN_MOM_SCAN_OVER;
+    clear_log();
+    EXPECT_EQ(dpm_dtm_cb(platform::host_handle(), over.get()), 0);
+    EXPECT_EQ(dpm_dtm_cache.ds_end, 1);
+    EXPECT_TRUE(logged("enter", "dpm_proc_ds_end"));
+    EXPECT_FALSE(logged("ds not end!", "dpm_proc_ds_end"));
+}
+
 TEST_F(DsEnd, RestoredMulticastBoundOrReplaced) {
     struct Case {
         const char *name;
@@ -134,6 +148,23 @@ TEST_F(DsEnd, RestoredMulticastBoundOrReplaced) {
         // apid 2 has no port: nothing to choose.
         EXPECT_EQ(dpm_mmc[2].valid, 0);
     }
+    // A dropped choice is not restored but made afresh; a restored one on an
+    // apid without ports is withdrawn and no longer awaited.
+    TearDown();
+    SetUp();
+    add_vsl(1, 1, 10, 20);
+    add_vsl(1, 4, 12, 22);
+    restored_mmc(1, 12);
+    dpm_mmc[1].valid = 0;
+    restored_mmc(2, 30);
+    ds_ready();
+    clear_log();
+    dpm_proc_ds_end(platform::host_handle());
+    EXPECT_FALSE(logged("apid 1 mmc restore! mmc_modid:12, lport:4"));
+    EXPECT_EQ(dpm_mmc[1].modid, 10u);
+    EXPECT_EQ(count_writes(kMmc, Op::Del), 1u);
+    EXPECT_EQ(dpm_mmc[2].valid, 0);
+    EXPECT_EQ(dpm_mmc[2].wait_add, 0);
 }
 
 }  // namespace

@@ -112,6 +112,18 @@ TEST_F(Log, RingKeepsTheLastSizeEvents) {
     EXPECT_EQ(udp_dpm_dbg_time_str[33].event, 33);
 }
 
+// Fixed paths live under UDP_DPM_ROOT when it is set and not empty.
+TEST(LogPath, RootPrefixesFixedPaths) {
+    const std::string saved = getenv("UDP_DPM_ROOT") != nullptr ? getenv("UDP_DPM_ROOT") : "";
+    unsetenv("UDP_DPM_ROOT");
+    EXPECT_STREQ(udp_dpm_path("/etc/x"), "/etc/x");
+    for (std::string root : {"", "/r"}) {
+        setenv("UDP_DPM_ROOT", root.c_str(), 1);
+        EXPECT_EQ(udp_dpm_path("/etc/x"), root + "/etc/x");
+    }
+    setenv("UDP_DPM_ROOT", saved.c_str(), 1);
+}
+
 TEST_F(Log, RecordLogReplacesARunningRecording) {
     run_cmd("record_log", {20, 6});
     EXPECT_EQ(run_cmd("record_log", {5, 7}),

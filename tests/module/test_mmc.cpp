@@ -8,6 +8,7 @@ using namespace dpm_test;
 
 class Mmc : public ModuleTest {
   protected:
+    Mmc() : ModuleTest(4, true, true) {}
     // A confirmation record of the hardware side.
     static std::string back(uint32_t modid, uint32_t apid) {
         return fmt("index { t_cfg_modid: %u apid: %u }", modid, apid);
@@ -87,6 +88,14 @@ TEST_F(Mmc, Confirmations) {
     EXPECT_EQ(dpm_mmc_back[2].modid, 9u);
     EXPECT_EQ(deliver(XN_MOM_CMD_SET, 9, 2), 0);
     EXPECT_TRUE(logged("mmc_back[apid:2] is not waiting for harware config"));
+    // The deletion of another module id's record leaves the awaited removal
+    // and the confirmation alone.
+    dpm_mmc[2].wait_del = 1;
+    EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 12, 2), 0);
+    EXPECT_TRUE(logged("mmc_back is not same as del mmc"));
+    EXPECT_EQ(dpm_mmc[2].wait_del, 1);
+    EXPECT_EQ(dpm_mmc_back[2].valid, 1);
+    dpm_mmc[2].wait_del = 0;
     // Its record deleted unasked: the choice stays, the confirmation goes.
     EXPECT_EQ(deliver(XN_MOM_CMD_DEL, 9, 2), 0);
     EXPECT_EQ(dpm_mmc[2].valid, 1);
@@ -102,6 +111,47 @@ TEST_F(Mmc, Confirmations) {
     err.err = 5;
     EXPECT_EQ(dpm_mmc_back_cb(nullptr, &err), -4);
     EXPECT_TRUE(logged("msg error is 5!"));
+    UCluster__MainmcVlanSt no_index = U_CLUSTER__MAINMC_VLAN_ST__INIT;
+    EXPECT_EQ(dpm_mmc_back_cb(nullptr, Event::set(&no_index.base).get()), 0);
+    EXPECT_TRUE(logged("mmc_back record is NULL!"));
+}
+
+// The choice's record and dump name both ends of the port, sub-slots
+// included; a port of another chip going down leaves the choice alone; a
+// failed deletion of the confirmation is reported with its result.
+TEST_F(Mmc, RecordAndDumpNameThePortExactly) {
+    dpm_vsl_info v = make_vsl(1, 3, 12, 22, 4);
+    v.sslot = 2;
+    v.peer_slot = 5;
+    v.peer_sslot = 6;
+    v.peer_lport = 7;
+    ASSERT_NE(dpm_add_vsl_info(&dpm_vslap_cache, &v, 1), nullptr);
+    dpm_vsl_info *other = add_vsl(1, 8, 13, 23);
+    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
+    auto w = writes(kMmc);
+    ASSERT_EQ(w.size(), 1U);
+    Unpacked<UCluster__MainmcVlan> m(&u_cluster__mainmc_vlan__descriptor, w[0].packed);
+    ASSERT_TRUE(m.msg != nullptr && m->local_vsl != nullptr && m->peer_vsl != nullptr);
+    EXPECT_EQ(fmt("%u/%u/%u/%u %u/%u/%u/%u", m->local_vsl->devid, m->local_vsl->slot,
+                  m->local_vsl->sslot, m->local_vsl->lport, m->peer_vsl->devid, m->peer_vsl->slot,
+                  m->peer_vsl->sslot, m->peer_vsl->lport),
+              "1/4/2/3 2/5/6/7");
+    EXPECT_EQ(run_cmd("dump_mmc", {1}),
+              "\nvalid:1, modid:12, devid:1, slotid:4, sslotid:2, lport:3, wait_add:1, "
+              "wait_del:0, vlan_bmp:0-4095,\n");
+
+    clear_log();
+    take_down(other);
+    EXPECT_TRUE(logged("not mmc vsl down!"));
+    EXPECT_EQ(count_writes(kMmc, Op::Del), 0U);
+    EXPECT_EQ(dpm_mmc[1].lport, 3U);
+
+    for (int rv : {0, -2, 5}) {
+        clear_log();
+        if (rv != 0) platform::fail("xn_mom_del", XN_MOM_TOPO_DB, 1, rv);
+        EXPECT_EQ(dpm_del_mmc_back_in_db(1), rv);
+        EXPECT_EQ(logged(fmt("del mmc_back fail. apid:1, modid:12. rv:%d", rv)), rv != 0) << rv;
+    }
 }
 
 }  // namespace

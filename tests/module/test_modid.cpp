@@ -126,6 +126,23 @@ TEST_F(ModidTest, DeleteFindsTheEntryByChipPositionNotByModuleId) {
     EXPECT_EQ(dpm_find_modid_info(101), nullptr);
     EXPECT_NE(dpm_find_modid_info(100), nullptr);
     EXPECT_EQ(dpm_find_modid_info(555), nullptr);
+    ModAlloc in_sslot(2, 1, 102, 1, 1);
+    ASSERT_EQ(add(in_sslot), 0);
+    ModAlloc by_sslot(2, 1, 556, 1, 1);
+    EXPECT_EQ(del(by_sslot), 0);
+    EXPECT_EQ(dpm_find_modid_info(102), nullptr);
+    // Before data sync a main board's id leaves its port without changing
+    // the port's load, which counts line cards only.
+    ModAlloc board(2, 3, 103);
+    ASSERT_EQ(add(board), 0);
+    dpm_vsl_info port{};
+    port.modid_cnt = 1;
+    dpm_bmp_set(port.modid_bmp, 103);
+    dpm_find_modid_info(103)->type = static_cast<int32_t>(DPM_NODE_MB);
+    dpm_find_modid_info(103)->uc_vsl = &port;
+    EXPECT_EQ(del(board), 0);
+    EXPECT_EQ(port.modid_cnt, 1U);
+    EXPECT_FALSE(dpm_bmp_test(port.modid_bmp, 103));
     expect_consistent();
 }
 
@@ -172,6 +189,13 @@ TEST_F(ModidTest, FilterBitsFollowTheDeviceSetsOfEachAggregatePort) {
     EXPECT_TRUE(logged("devid 2 is not in current igr filter, apid:2!"));
     EXPECT_TRUE(logged("devid 2 is not in current egr filter, apid:1!"));
     EXPECT_FALSE(logged("devid 2 is not in current igr filter, apid:1!"));
+
+    // Moved to a device outside every filter, it leaves the old device's.
+    ASSERT_EQ(add(m), 0);
+    ModAlloc moved(3, 1, 300);
+    ASSERT_EQ(add(moved), 0);
+    EXPECT_FALSE(dpm_bmp_test(dpm_igr_permit[1].modid_bmp, 300));
+    EXPECT_FALSE(dpm_bmp_test(dpm_egr_block[2].modid_bmp, 300));
 }
 
 // Found by the unit-wide check: an own chip added after the calculation (a
@@ -209,6 +233,24 @@ TEST_F(ModidTest, OutOfRangeRecordsAreDroppedBeforeTouchingAnything) {
         EXPECT_EQ(dpm_modid_dev_cache.dev_cnt, 1U);
         EXPECT_EQ(dpm_modid_dev_cache.mod_cnt, 0U);
         expect_consistent();
+    }
+    // A field-by-field entry in error, and an add refused (the id is already
+    // the device's), are reported and change nothing.
+    ModAlloc m(2, 1, 100);
+    EXPECT_EQ(dpm_mod_alloc_cb(platform::host_handle(), Event::hmset(m.base(), 1).get()),
+              DPM_ERR_FAIL);
+    EXPECT_TRUE(logged("unexpected, error!"));
+    EXPECT_EQ(dpm_modid_dev_cache.mod_cnt, 0U);
+    ASSERT_EQ(add(m), 0);
+    EXPECT_EQ(add(m), DPM_ERR_FAIL);
+    EXPECT_TRUE(logged("dpm_proc_modid_add, modid:100, rv:-11"));
+    // A data-sync request scans ASIC_DB; a failed scan is reported, whatever
+    // its result code.
+    for (int rv : {0, -1, 3}) {
+        clear_log();
+        if (rv != 0) platform::fail("xn_mom_scan", XN_MOM_ASIC_DB, 1, rv);
+        EXPECT_EQ(dpm_mod_alloc_cb(platform::host_handle(), Event::ds_request().get()), 0);
+        EXPECT_EQ(logged("scan modid info failed!"), rv != 0) << rv;
     }
 }
 

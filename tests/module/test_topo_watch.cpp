@@ -183,6 +183,27 @@ void fail_nth(const char *op, int passes) {
     platform::fail(op, 14, -1, -2);
 }
 
+// A bracket that does not open, whatever the sign of its result, ends the
+// protocol before anything is rewritten.
+TEST_F(Expire, OpeningStopsAtTheFirstFailure) {
+    const std::pair<const char *, const char *> errors[] = {
+        {"dpm_kel_set_expire", "xn_mom_dsbegin igr fail!"},
+        {"dpm_kel_expire_igr_finish", "xn_mom_dsbegin egr fail!"},
+        {"dpm_kel_expire_egr_finish", "xn_mom_dsbegin keluc fail!"},
+        {"dpm_kel_expire_uc_finish", "xn_mom_dsbegin keluc fail!"}};
+    for (int k = 0; k < 4; ++k) {
+        SCOPED_TRACE(k);
+        clean_module(4);
+        platform::fail("xn_mom_dsbegin_sync", 14, 1, k % 2 == 0 ? 5 : -3, k);
+        dpm_kel_set_expire(platform::host_handle());
+        auto log = platform::take_log();
+        EXPECT_TRUE(has_log(log, errors[k].first, errors[k].second, XN_ZLOG_ERROR));
+        EXPECT_FALSE(has_log(log, "dpm_kel_expire_finish", "enter"));
+        EXPECT_EQ(is_exprire_mom_flag, 0);
+        platform::clear_faults();
+    }
+}
+
 TEST_F(Expire, ClosingStopsAtTheFirstFailureAndTheFlagIsCleared) {
     const char *errors[] = {"dsend keluc failed!", "dsend igr failed!", "dsend egr failed!",
                             "dsend apmbr failed!"};

@@ -61,6 +61,8 @@ TEST_F(VslChipTest, OwnChipAfterAnApplicationMakesTheMemberForward) {
         EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Set),
                   row.expect_state == DPM_FWD_FORWARD ? 1U : 0U);
         EXPECT_EQ(logged("ds not end!", "dpm_proc_vsl_chipst_add"), !row.ready);
+        EXPECT_TRUE(logged("enter", "dpm_proc_vsl_chipst_add"));
+        EXPECT_TRUE(logged("enter", "dpm_save_vsl_chipst"));
         TearDown();
     }
 }

@@ -102,6 +102,7 @@ TEST_F(VslLinkTest, SecondPortNeedsBothChipsInTheList) {
 
     chip_forward(1, 10);  // one end is not enough
     dpm_proc_rdy_chip_in_unused(false);
+    EXPECT_TRUE(logged("check ready", "dpm_proc_rdy_chip_in_unused"));
     EXPECT_NE(waiting(2), nullptr);
     EXPECT_TRUE(
         logged("not ready. devid\xA3\xBA"
@@ -117,6 +118,40 @@ TEST_F(VslLinkTest, SecondPortNeedsBothChipsInTheList) {
     EXPECT_NE(active(2), nullptr);
     EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 2U);
     EXPECT_TRUE(logged("del lvsl from unused cache"));
+}
+
+// A port is known by device, slot, sub-slot and port, and only a module event
+// of its own card counts for it; a record without its key is dropped.
+TEST_F(VslLinkTest, PortsAndCardsOfOtherSubSlots) {
+    make_ready();
+    for (uint32_t g : {dpm_gslot_make(1, 2, 0), gslot(2)}) {
+        udp_dpm_libddm_notify_cb(nullptr, LIBDDM_NOTIFY_MODULE, LIBDDM_OP_ADD, &g);
+    }
+    Link l(1, 1);
+    ASSERT_EQ(feed(l), 0);
+    EXPECT_NE(waiting(1), nullptr);
+    card(1);
+    ASSERT_NE(active(1), nullptr);
+
+    // Sub-slot 1 of the same slot has no module event: its port waits, and
+    // the same port of sub-slot 0 coming up leaves it waiting.
+    FromText<PDev__VslLocalLink> other(&p_dev__vsl_local_link__descriptor,
+                                       "index { devid: 1 slotid: 1 subslot: 1 lport: 2 } "
+                                       "status: 1 vsl_ap: 1 peer_dev_id: 2 peer_slot_id: 1 "
+                                       "peer_lport: 2");
+    ASSERT_EQ(dpm_local_vsl_cb(platform::host_handle(), Event::hmset(other.base()).get()), 0);
+    chip_forward(1, 10);
+    chip_forward(2, 20);
+    Link same(2, 1);
+    ASSERT_EQ(feed(same), 0);
+    ASSERT_NE(active(2), nullptr);
+    dpm_vsl_port p{1, 1, 1, 2};
+    EXPECT_NE(dpm_get_vsl_info(&dpm_vslap_unused_cache, &p, 1), nullptr);
+
+    PDev__VslLocalLink no_index = P_DEV__VSL_LOCAL_LINK__INIT;
+    EXPECT_EQ(dpm_local_vsl_cb(platform::host_handle(), Event::hmset(&no_index.base).get()),
+              DPM_ERR_FAIL);
+    EXPECT_TRUE(logged("local vsl record invalid, dropped"));
 }
 
 TEST_F(VslLinkTest, UpRecordForAnActivePortUpdatesItInPlace) {
@@ -230,6 +265,10 @@ TEST_F(VslLinkTest, ReadinessTests) {
     dpm_one_end_is_ready(99, &one);  // left as the caller set it
     EXPECT_TRUE(one);
     EXPECT_EQ(dpm_get_vslmodid_by_vslinfo(77), 77);
+    // A failed lookup is a mismatch, even for a port without chip ids.
+    dpm_vsl_info zero = make_vsl(1, 1, 0, 0);
+    platform::fail("libddm_get_chipid_by_dev_slot_lport");
+    EXPECT_EQ(dpm_check_vsl_chipid(&zero), -1);
 }
 
 }  // namespace

@@ -34,6 +34,17 @@ TEST_F(VslUpDown, ActivationRefusesUnknownChips) {
     EXPECT_EQ(up(3, 1), -11);
 }
 
+// Only the first port of an aggregate port recalculates: as master, the state
+// of a member outside the map is deleted once.
+TEST_F(VslUpDown, OnlyTheFirstPortRecalculates) {
+    ds_ready();
+    g_my_grole = DPM_ROLE_MASTER;
+    add_mod(3, 30);
+    ASSERT_EQ(up(1, 1), 0);
+    ASSERT_EQ(up(1, 2, 11, 21), 0);
+    EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Del), 1u);
+}
+
 TEST_F(VslUpDown, EnableFirstOnlyForEmptyAggregatePorts) {
     ds_ready();
     ASSERT_EQ(up(1, 1), 0);
