@@ -19,7 +19,7 @@ struct ChaosOptions {
     uint64_t seed = 1;
     int max_faults = 0;  // 0: no bound but time
     // link, card, member, responder, hop, redis
-    std::set<std::string> kinds = {"link", "card", "member", "responder", "hop"};
+    std::set<std::string> kinds = {"link", "card", "member", "responder", "hop", "redis"};
 };
 
 // The known kinds, for the command line.
