@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Every test: layout and static checks, the plain build with its tests, the
-# sanitizer build (ASan+UBSan) with the same tests, and a bounded run of the
-# fuzzers (clang, libFuzzer).
+# sanitizer build (ASan+UBSan) with the same tests, a small sample of mutants,
+# and a bounded run of the fuzzers (clang, libFuzzer).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -15,5 +15,9 @@ ctest --preset default -j "$jobs"
 cmake --preset asan >/dev/null
 cmake --build --preset asan -j "$jobs"
 ctest --preset asan -j "$jobs"
+
+# A small fixed sample of generated mutants: a change that weakens the suite
+# shows here at once (the full samples are run by hand, see the README).
+scripts/mutate.sh --sample 20 --seed 20 --build build/default --asan build/asan --fresh --min-rate 80
 
 FUZZ_JOBS=$jobs scripts/fuzz.sh 30
