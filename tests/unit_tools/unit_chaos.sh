@@ -4,14 +4,7 @@
 #   unit_chaos.sh DPM-UNIT UNITFILE
 set -euo pipefail
 unit=$1 file=$2
-dir=$(mktemp -d "${TMPDIR:-/tmp}/dpm-unit-test.XXXXXX")
-pid=
-cleanup() {
-  [ -n "$pid" ] && kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
-  rm -rf "$dir"
-}
-trap cleanup EXIT
-trap 'exit 1' TERM INT
+. "$(dirname "$0")/lib.sh"
 for run in 1 2; do
   "$unit" chaos "$file" --seconds 300 --seed 7 --faults 6 --timeout 60 \
     --dir "$dir/unit$run" >"$dir/out$run" 2>&1 &

@@ -6,14 +6,7 @@
 set -euo pipefail
 unit=$1 file=$2
 host=$(dirname "$unit")/../dpm-host
-dir=$(mktemp -d "${TMPDIR:-/tmp}/dpm-unit-test.XXXXXX")
-pid=
-cleanup() {
-  [ -n "$pid" ] && kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
-  rm -rf "$dir"
-}
-trap cleanup EXIT
-trap 'exit 1' TERM INT
+. "$(dirname "$0")/lib.sh"
 fail() { echo "FAILED: $*"; cat "$dir/out"; exit 1; }
 "$unit" run "$file" --dir "$dir/unit" --timeout 60 >"$dir/out" 2>&1 &
 pid=$!

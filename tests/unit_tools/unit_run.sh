@@ -6,14 +6,7 @@
 #   unit_run.sh DPM-UNIT DPM-HOST UNITFILE
 set -euo pipefail
 unit=$1 host=$2 file=$3
-dir=$(mktemp -d "${TMPDIR:-/tmp}/dpm-unit-test.XXXXXX")
-pid=
-cleanup() {
-  [ -n "$pid" ] && kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
-  rm -rf "$dir"
-}
-trap cleanup EXIT
-trap 'exit 1' TERM INT
+. "$(dirname "$0")/lib.sh"
 cat >"$dir/host.sh" <<SH
 #!/usr/bin/env bash
 # dpm-host, but member 2's first start ends at once with status 77.
