@@ -93,3 +93,12 @@ same_topo() {
 }
 # The unit's inputs of scenarios/three_members/up.dpm, without its checks.
 unit_inputs() { grep -v '^expect' "$unit/up.dpm"; }
+
+# Wait for a process that must end with a given status and give its reason
+# in its output: ends_with PID STATUS OUTPUT REASON WHO
+ends_with() {
+  local rc=0
+  wait "$1" || rc=$?
+  [ "$rc" = "$2" ] || fail "$5 ended with $rc, not $2"
+  grep -q "$4" "$3" || fail "$5: no reason given (\"$4\")"
+}
