@@ -22,6 +22,10 @@
 #   --report    only print the summary of the recorded results
 #   --min-rate  exit 1 when the kill rate is below PERCENT (CI)
 #
+# A mutant whose file compiles to the same code as before (its object file,
+# without debug information, unchanged) is the same program: it is recorded
+# as "samecode", not run, and left out of the rate.
+#
 # Tests run in layers, cheapest first, each stopping at its first failure: the
 # module's unit tests, the scenarios, the oracle harness, the Redis runs, and
 # then, for a mutant all of them let through, every test again in the
@@ -156,6 +160,21 @@ outcomes() {
   sed -nE 's/^ *[0-9]+\/[0-9]+ +Test +#[0-9]+: +([^ ]+) \.*[ *]*([A-Za-z]+( Run)?)[^0-9]*([0-9.]+) sec.*/\1 \2 \4/p' "$1"
 }
 
+# The code a source file compiles to, without its debug information: a mutant
+# that leaves it unchanged is the same program (the compiler proved it), so it
+# is recorded as "samecode" and never run.
+# A header has no object of its own: its mutants are always run.
+code_of() {
+  local objs obj rel=${1#app/}
+  mapfile -t objs < <(find "$build" -path "*/$rel.o" | sort)
+  ((${#objs[@]})) || return 0
+  for obj in "${objs[@]}"; do
+    objcopy --strip-debug "$obj" "$out/stripped.o" && sha256sum <"$out/stripped.o"
+  done | sha256sum | cut -d' ' -f1
+}
+declare -A clean_code
+while read -r f; do clean_code[$f]=$(code_of "$f"); done < <(cut -f2 "$plan" | sort -u)
+
 ctest --test-dir "$build" --show-only=json-v1 >"$out/tests.json"
 timeouts=()
 counts=()
@@ -186,6 +205,8 @@ while IFS=$'\t' read -r -u 3 id file line col start end kind orig repl; do
     outcome=noapply killers=""
   elif ! cmake --build "$build" >"$out/build.log" 2>&1; then
     outcome=nocompile killers=""
+  elif [[ -n ${clean_code[$file]} && $(code_of "$file") == "${clean_code[$file]}" ]]; then
+    outcome=samecode killers=""
   else
     outcome=survived killers=""
     for i in "${!layers[@]}"; do

@@ -6,7 +6,9 @@ from them the equivalent mutants listed in the triage file.
 
   mutate_report.py PLAN RESULTS TRIAGE TESTS_JSON [--min-rate PERCENT]
 
-Equivalent mutants stay in the total: the rate counts them as not killed, so
+Mutants that compile to the same code as the original (the object file,
+without its debug information, is unchanged) are the same program: they are
+counted apart and not in the rate. Equivalent mutants stay in the total: the rate counts them as not killed, so
 that triage can never raise it. The rate without them is shown beside.
 """
 import collections
@@ -85,7 +87,8 @@ def main(argv):
     survivors = [m for m in compiling if outcome[m] == "survived" and m not in triage]
     count = collections.Counter(outcome.values())
     print(f"mutants selected: {len(plan)}, run: {len(results)}; compiling: {len(compiling)}, "
-          f"not compiling: {count['nocompile']}, not applying: {count['noapply']}")
+          f"not compiling: {count['nocompile']}, not applying: {count['noapply']}, "
+          f"same code as the original: {count['samecode']}")
     print(f"killed: {count['killed']}, timed out: {count['timeout']}, survived: {len(survivors)}, "
           f"equivalent (triaged): {len(equivalent)}")
     print(f"kill rate (killed + timed out over compiling; equivalents count as not killed): "
