@@ -51,6 +51,15 @@ TEST_F(Apply, EgressBlockIsBroughtUpToDateByTheFirstDevice) {
     EXPECT_TRUE(has_log(log, fn, "set egr success!, apid:1, devid:1"));
     EXPECT_TRUE(has_log(log, fn, "modbmp is not changed!"));
 
+    // A refused write is logged as such, never as a success.
+    add_mod(2, 104);
+    for (int apid : {1, 2}) dpm_bmp_set(dpm_egr_block[apid].modid_bmp, 104);
+    platform::fail("xn_mom_set", XN_MOM_TOPO_DB);
+    dpm_apply_egr_by_devid(peer, 1);
+    const auto refused = platform::take_log();
+    EXPECT_TRUE(has_log(refused, fn, "set egr failed!, apid:1, devid:2", XN_ZLOG_ERROR));
+    EXPECT_FALSE(has_log(refused, fn, "set egr success!, apid:1, devid:2"));
+
     // A device outside the block with nothing of its own to withdraw finds
     // no difference: the next one brings the record up to date.
     add_mod(3, 103);
