@@ -17,12 +17,14 @@ class DsEnd : public ModuleTest {
         set_dtm({{1, 2, 1}}, {{1, 2, 1, 1, 1, 0}});
     }
     // A unicast entry as the read-back of TOPO_DB leaves it.
-    static void restored_uc(uint32_t dst, uint32_t local, uint32_t lport, uint32_t apid = 1) {
+    static void restored_uc(uint32_t dst, uint32_t local, uint32_t lport, uint32_t apid = 1,
+                            uint32_t peer = 0) {
         auto *uc = dpm_zalloc<dpm_uc_info>();
         uc->dstmodid = dst;
         uc->localmodid = local;
         uc->lport = lport;
         uc->apid = apid;
+        uc->peer_modid = peer;
         uc->expire = 1;
         dpm_list_add_tail(&uc->link, &dpm_uc_head);
     }
@@ -76,10 +78,10 @@ TEST_F(DsEnd, RestartKeepsPlacementsAndExpiresTheRest) {
     ready_chip(20);
     ready_chip(11);
     ready_chip(21);
-    // The previous run put 5 on port 2 and 6 on port 1; module id 8 is gone
-    // and 5000 never was one.
+    // The previous run put 5 on port 2 and 6 on port 1, then in apid 2; module
+    // id 8 is gone and 5000 never was one.
     restored_uc(5, 11, 2);
-    restored_uc(6, 10, 1);
+    restored_uc(6, 10, 1, 2, 20);
     restored_uc(8, 10, 1);
     restored_uc(5000, 10, 1);
     ds_ready();
@@ -98,6 +100,12 @@ TEST_F(DsEnd, RestartKeepsPlacementsAndExpiresTheRest) {
     EXPECT_EQ(count_writes(kUc, Op::Del), 2u);
     EXPECT_TRUE(logged("dst modid 5000 is not exist!"));
     EXPECT_TRUE(logged("del uc, modid:5000!"));
+    std::vector<uint32_t> apids_of_6;  // port 1 is in apid 1 now
+    for (const auto &w : writes(kUc)) {
+        Unpacked<UCluster__KelUcBalance> rec(&u_cluster__kel_uc_balance__descriptor, w.packed);
+        if (rec->index->modid == 6) apids_of_6.push_back(rec->apid);
+    }
+    EXPECT_EQ(apids_of_6, std::vector<uint32_t>{1});
     EXPECT_EQ(is_exprire_mom_flag, 0);
     EXPECT_EQ(dpm_mmc[1].vsl, p1);
 }

@@ -24,11 +24,11 @@ int feed(Link &l) {
     return dpm_local_vsl_cb(platform::host_handle(), Event::hmset(l.base()).get());
 }
 
-uint32_t gslot(uint32_t dev) {
-    return dpm_gslot_make(dev, 1, 0);
+uint32_t gslot(uint32_t dev, uint32_t sslot = 0) {
+    return dpm_gslot_make(dev, 1, sslot);
 }
-void card(uint32_t dev, int op = LIBDDM_OP_ADD) {
-    uint32_t g = gslot(dev);
+void card(uint32_t dev, int op = LIBDDM_OP_ADD, uint32_t sslot = 0) {
+    uint32_t g = gslot(dev, sslot);
     udp_dpm_libddm_notify_cb(nullptr, LIBDDM_NOTIFY_MODULE, op, &g);
 }
 
@@ -152,6 +152,28 @@ TEST_F(VslLinkTest, PortsAndCardsOfOtherSubSlots) {
     EXPECT_EQ(dpm_local_vsl_cb(platform::host_handle(), Event::hmset(&no_index.base).get()),
               DPM_ERR_FAIL);
     EXPECT_TRUE(logged("local vsl record invalid, dropped"));
+}
+
+// A port whose far end sits in sub-slot 1 follows that card: the main
+// multicast leaves it with the card and comes back with it, far end intact.
+TEST_F(VslLinkTest, FarEndInASubSlotLeavesAndReturnsWithItsCard) {
+    make_ready();
+    card(1);
+    card(2, LIBDDM_OP_ADD, 1);
+    FromText<PDev__VslLocalLink> l(&p_dev__vsl_local_link__descriptor,
+                                   "index { devid: 1 slotid: 1 lport: 1 } status: 1 vsl_ap: 1 "
+                                   "peer_dev_id: 2 peer_slot_id: 1 peer_sslot_id: 1 peer_lport: 1");
+    ASSERT_EQ(dpm_local_vsl_cb(platform::host_handle(), Event::hmset(l.base()).get()), 0);
+    card(2, LIBDDM_OP_DEL, 1);
+    card(2, LIBDDM_OP_ADD, 1);
+    const auto mmc = writes(kMmc);
+    ASSERT_EQ(mmc.size(), 3U);
+    EXPECT_EQ(mmc[1].op, Op::Del);
+    for (size_t i : {0U, 2U}) {
+        Unpacked<UCluster__MainmcVlan> rec(&u_cluster__mainmc_vlan__descriptor, mmc[i].packed);
+        EXPECT_EQ(mmc[i].op, Op::Set);
+        EXPECT_EQ(rec->peer_vsl->sslot, 1U) << i;
+    }
 }
 
 TEST_F(VslLinkTest, UpRecordForAnActivePortUpdatesItInPlace) {
