@@ -108,6 +108,25 @@ TEST_F(Apply, ConfiguredMemberWaitsForTheOthersWhileThisOneForwards) {
     }
 }
 
+// The first application announces this member as forwarding only once one of
+// its own chips is known; chips of other members do not count.
+TEST_F(Apply, FirstApplicationForwardsOnlyWithAnOwnChip) {
+    for (uint32_t chip_dev : {0u, 2u, 1u}) {
+        SCOPED_TRACE(chip_dev);
+        TearDown();
+        SetUp();
+        if (chip_dev != 0) {
+            auto *chip = dpm_zalloc<dpm_vsl_chip>();
+            chip->devid = chip_dev;
+            chip->modid = chip_dev * 10;
+            dpm_list_add_tail(&chip->link, &dpm_vsl_chip_head);
+        }
+        platform::clear_module_writes();
+        first_apply();
+        EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Set), chip_dev == 1 ? 1u : 0u);
+    }
+}
+
 TEST_F(Apply, IngressWithdrawBeforeEgressBeforeGrant) {
     first_apply();
     // Device 2 keeps 101 on apid 1 but 100 leaves it and 102 joins.
