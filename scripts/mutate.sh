@@ -141,6 +141,8 @@ reap() {
     esac
   done
 }
+# A run stopped by a signal also ends what its tests left running.
+trap 'restore; reap; exit 130' INT TERM HUP
 
 # name, build directory, ctest selection
 layers=("module $build -L module" "scenario $build -L scenario -LE redis"
