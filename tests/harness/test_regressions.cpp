@@ -144,7 +144,7 @@ TEST(Regression, AllocationFailuresKeepTheCachesWhole) {
         {map, 0, "can't malloc!"},
         {new_modid, 1, "can not alloc memory, modid:40!"},  // unicast entry
         {port, 1, "can't alloc!"},
-        {chip, 0, "can't alloc!"},
+        {chip, 0, "can't alloc!\nadd vsl_chip fail"},
         {card, 0, "can't alloc!"},
         // Unicast entries read back at a restart: every calloc after the own device's fails.
         {restart, 2, "can not alloc memory!", -1},

@@ -30,10 +30,13 @@ class TopoWatch : public ModuleTest {
 };
 
 TEST_F(TopoWatch, UnicastReadBackTakesTheRecordsValues) {
-    // One entry already held, with other values and applied.
+    // Entries already held, with other values (200: the local module id alone) and applied.
     auto *held = dpm_zalloc<dpm_uc_info>();
     *held = dpm_uc_info{{}, 100, 1, 2, 1, 3, 0, 1};
     dpm_list_add_tail(&held->link, &dpm_uc_head);
+    auto *held2 = dpm_zalloc<dpm_uc_info>();
+    *held2 = dpm_uc_info{{}, 200, 4, 7, 1, 6, 0, 1};
+    dpm_list_add_tail(&held2->link, &dpm_uc_head);
     put_uc(200, 5, 1, 6, 7);
     put_uc(100, 7, 2, 9, 11);
     put_uc(2047, 1, 1, 1, 1);
@@ -81,6 +84,11 @@ TEST_F(TopoWatch, IngressReadBackCopiesExactly64Words) {
     dpm_igr_permit_applied[1].modid_bmp[3] = 0x55;  // must survive the refused record
 
     g_mmc_ds_over = g_uc_ds_over = 1;
+    Event broken = Event::ds_request();
+    broken.msg.err = 1;  // a request that comes with an error is not answered
+    EXPECT_EQ(dpm_igr_cb(platform::host_handle(), broken.get()), DPM_ERR_EVENT);
+    platform::run_until_idle();
+    EXPECT_FALSE(platform::db_connected(XN_MOM_LOCAL_DB));
     ds_request(dpm_igr_cb);
     EXPECT_EQ(dpm_igr_permit_applied[2].apid, 2U);
     for (uint32_t i = 0; i < 64; ++i) {
@@ -98,6 +106,22 @@ TEST_F(TopoWatch, IngressReadBackCopiesExactly64Words) {
                         "igr record apid 1 carries 63 permit words, need 64, dropped"));
     EXPECT_EQ(g_igr_ds_over, 1);
     EXPECT_TRUE(platform::db_connected(XN_MOM_LOCAL_DB));
+}
+
+TEST_F(TopoWatch, MainMulticastReadBackComesBackWaitingWithItsVlans) {
+    ASSERT_EQ(dpm_at_init(), 0);  // for dump_mmc
+    for (const char *r : {"index { t_cfg_modid: 12 apid: 1 } vlan: [15, 0, 1]",
+                          "index { t_cfg_modid: 9 apid: 3 } vlan: [1]"}) {
+        ASSERT_EQ(platform::db_set(14, kMmc, packed(kMmc, r)), 0);
+    }
+    platform::take_log();
+    ds_request(dpm_mmc_cb);
+    EXPECT_EQ(run_cmd("dump_mmc", {1}),
+              "\nvalid:1, modid:12, devid:0, slotid:0, sslotid:0, lport:0, wait_add:1, "
+              "wait_del:0, vlan_bmp:0-3,64,\n");
+    EXPECT_TRUE(has_log(platform::take_log(), "dpm_mmc_scan_cb",
+                        "mmc record apid 3 out of range [1-2], dropped", XN_ZLOG_ERROR));
+    EXPECT_EQ(g_mmc_ds_over, 1);
 }
 
 // ---------------------------------------------------------------------------
