@@ -70,6 +70,32 @@ TEST(Regression, RestartWithoutMapLosesMemberListsAndPermits) {
     EXPECT_EQ(topo_lines(), before) << join(topo_lines()) << "before:\n" << join(before);
 }
 
+// Ten maps in a row that cannot be calculated (apid 2's ports are down) push
+// the applied map out of the history; it stays held while applied and is
+// released once a map is applied again (the ports come up).
+TEST(Regression, AnEvictedAppliedMapIsReleasedWhenAnotherIsApplied) {
+    UnitDriver unit;
+    unit.begin(Baseline::StoredUnit);
+    const auto ports = [](int status) {
+        for (int l : {1, 2}) {
+            platform::db_hmset(kLocal, "p_dev.vsl_local_link",
+                               vsl_link(1, 2, l, status, 2, 3, 1, l));
+        }
+        platform::run_until_idle();
+    };
+    ports(0);
+    const Event map{
+        .kind = Kind::Map, .db = kLocal, .type = "p_dev.dtm_route_info", .packed = unit_map(1, 2)};
+    int refused = 0;
+    for (int i = 0; i < 10; ++i) {
+        for (const auto &l : unit.apply(map)) refused += l.text == "apid not ready!" ? 1 : 0;
+    }
+    EXPECT_EQ(refused, 10);
+    expect_clean("with the applied map out of the history");
+    ports(1);
+    expect_clean("after a map was applied again");
+}
+
 // A chip with module id 0 reports "forward" while the ports of member 1's
 // slot 2 wait with their chip ids never looked up (0: the card has no module
 // event), or while the far end of the slot-1 ports answers chip id 0. At

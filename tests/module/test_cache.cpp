@@ -70,6 +70,19 @@ TEST_F(Cache, HistoryKeepsTheLastTenMaps) {
     EXPECT_EQ(dpm_dtm_cache.oldest->mfibs[0].oif_id[0], 2);
 }
 
+// A map event without a route map (no record, or a record of another type) is
+// refused as such and stores nothing.
+TEST_F(Cache, MapEventWithoutAMapIsRefused) {
+    FromText<UCluster__KelDevFwdstate> other(&u_cluster__kel_dev_fwdstate__descriptor,
+                                             "index { devid: 2 } fwd_state: \"forward\"");
+    for (ProtobufCMessage *rec : {static_cast<ProtobufCMessage *>(nullptr), other.base()}) {
+        clear_log();
+        EXPECT_EQ(dpm_dtm_cb(platform::host_handle(), Event::set(rec).get()), DPM_ERR_EVENT);
+        EXPECT_TRUE(logged("dtm_info error is 0!"));
+    }
+    EXPECT_EQ(dpm_dtm_cache.dtm_info_cnt, 0U);
+}
+
 TEST_F(Cache, LookupsFindFirstMatchAndRefuseOutOfRange) {
     EXPECT_EQ(dpm_find_dev_head(1), nullptr);
     dpm_dev_head *d2 = dpm_alloc_dev_head(2);
