@@ -215,13 +215,13 @@ TEST_F(Expire, OpeningStopsAtTheFirstFailure) {
         {"dpm_kel_expire_igr_finish", "xn_mom_dsbegin egr fail!"},
         {"dpm_kel_expire_egr_finish", "xn_mom_dsbegin keluc fail!"},
         {"dpm_kel_expire_uc_finish", "xn_mom_dsbegin keluc fail!"}};
-    for (int k = 0; k < 4; ++k) {
+    for (int k = 0; k < 8; ++k) {
         SCOPED_TRACE(k);
         clean_module(4);
-        platform::fail("xn_mom_dsbegin_sync", 14, 1, k % 2 == 0 ? 5 : -3, k);
+        platform::fail("xn_mom_dsbegin_sync", 14, 1, k < 4 ? 5 : -3, k % 4);
         dpm_kel_set_expire(platform::host_handle());
         auto log = platform::take_log();
-        EXPECT_TRUE(has_log(log, errors[k].first, errors[k].second, XN_ZLOG_ERROR));
+        EXPECT_TRUE(has_log(log, errors[k % 4].first, errors[k % 4].second, XN_ZLOG_ERROR));
         EXPECT_FALSE(has_log(log, "dpm_kel_expire_finish", "enter"));
         EXPECT_EQ(is_exprire_mom_flag, 0);
         platform::clear_faults();
