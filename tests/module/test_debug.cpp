@@ -67,7 +67,8 @@ TEST_F(Debug, RouteMapDumpsRunWithLoggingOff) {
         // The multicast entries follow the unicast ones in the same block.
         info->mfib_num = 1;
         info->mfibs = reinterpret_cast<dpm_mfib_entry *>(info->fibs + 2);
-        info->mfibs[0] = {1, 1, 0, 3, {5, 6}};
+        // Three out-interfaces show the first two; one shows one.
+        info->mfibs[0] = {1, 1, 0, static_cast<uint8_t>(i == 0 ? 3 : 1), {5, 6}};
         dpm_add_dtm_info(info);
     }
     dpm_dtm_cache.ds_end = 1;

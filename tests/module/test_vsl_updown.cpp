@@ -45,6 +45,21 @@ TEST_F(VslUpDown, OnlyTheFirstPortRecalculates) {
     EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Del), 1u);
 }
 
+// A module id whose member has no route any more cannot follow its port
+// down: both the lookup and the placement say so.
+TEST_F(VslUpDown, ModuleIdWithoutRouteIsReportedWhenItsPortGoes) {
+    ds_ready();
+    ASSERT_EQ(up(1, 1), 0);
+    dpm_modid_info *e = add_mod(3, 30);
+    dpm_bmp_set(active(1, 1)->modid_bmp, 30);
+    e->uc_vsl = active(1, 1);
+    e->is_used = 1;
+    dpm_vsl_port port{1, 1, 0, 1};
+    dpm_proc_lvsl_down(&port, 1);
+    EXPECT_TRUE(logged("cant find oif for modid 30!"));
+    EXPECT_TRUE(logged("dpm_uc_balance_for_modid_add 30 fail"));
+}
+
 TEST_F(VslUpDown, EnableFirstOnlyForEmptyAggregatePorts) {
     ds_ready();
     ASSERT_EQ(up(1, 1), 0);
