@@ -187,9 +187,8 @@ TEST_F(Balance, RebalanceEndsWhenBitmapDisagreesWithCount) {
         const auto log = platform::take_log();
         const char *fn = "dpm_restore_vsl_lb_in_ap";
         EXPECT_EQ(has_log(log, fn, "change uc modid info:1000"), c.known != 0);
-        EXPECT_TRUE(has_log(log, fn,
-                            fmt("no modid can be moved, apid:1, max:%u, min:%u", 50 - c.known,
-                                c.known)));
+        EXPECT_TRUE(has_log(
+            log, fn, fmt("no modid can be moved, apid:1, max:%u, min:%u", 50 - c.known, c.known)));
         if (!c.bits.empty()) {
             const std::string text = "can't find modid info:" + std::to_string(c.bits.back());
             EXPECT_TRUE(has_log(log, fn, text));

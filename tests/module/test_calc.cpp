@@ -23,8 +23,7 @@ class Calc : public ModuleTest {
 
 TEST_F(Calc, FiltersOfTwoMembersWithOneOwnMulticastRoute) {
     // Two own routes of the same source through the same port permit it once.
-    set_dtm({{1, 2, 1}, {2, 1, 1}},
-            {{1, 2, 1, 1, 1, 0}, {1, 2, 1, 1, 1, 0}, {2, 1, 2, 1, 2, 0}});
+    set_dtm({{1, 2, 1}, {2, 1, 1}}, {{1, 2, 1, 1, 1, 0}, {1, 2, 1, 1, 1, 0}, {2, 1, 2, 1, 2, 0}});
     add_vsl(1, 1);
     ASSERT_EQ(dpm_calc_kel_cfg_by_dtm(), 0);
     EXPECT_EQ(dpm_igr_permit[1].apid, 1u);
