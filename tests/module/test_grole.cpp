@@ -1,5 +1,6 @@
-// Card events: the end of an awaited main multicast removal when the card
-// that would confirm it goes away.
+// Role and card events: a new global master cleans up departed members once a
+// configuration is applied; the end of an awaited main multicast removal when
+// the card that would confirm it goes away.
 #include "module_fixture.h"
 
 namespace {
@@ -15,6 +16,24 @@ struct Card : FromText<PDev__CardInfo> {
 };
 
 class GroleTest : public ModuleTest {};
+
+TEST_F(GroleTest, NewMasterCleansDepartedMembersOnlyOnceConfigured) {
+    auto role = [](const char *r) {
+        FromText<PDev__DpLibGrole> g(&p_dev__dp_lib_grole__descriptor, fmt("my_grole: %s", r));
+        EXPECT_EQ(dpm_add_grole(nullptr, nullptr, g.base(), nullptr), 0);
+    };
+    add_mod(3, 300);  // a member the map below does not reach
+    role("DM_ROLE_MASTER");
+    EXPECT_TRUE(platform::module_writes().empty());
+    role("DM_ROLE_MASTER");
+    EXPECT_TRUE(logged("global role is mot change"));
+    role("DM_ROLE_SLAVE");
+    set_dtm({}, {{}});
+    dpm_set_hwcfg(dpm_dtm_cache.newest);
+    role("DM_ROLE_MASTER");
+    EXPECT_TRUE(logged("del dev_st and vsl_chipst"));
+    EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Del), 1U);
+}
 
 TEST_F(GroleTest, CardRemovalEndsOnlyTheWaitOnThatCard) {
     auto await = [](int apid, int32_t dev, int32_t slot, uint32_t modid) {

@@ -111,6 +111,10 @@ TEST_F(Mmc, Confirmations) {
     err.err = 5;
     EXPECT_EQ(dpm_mmc_back_cb(nullptr, &err), -4);
     EXPECT_TRUE(logged("msg error is 5!"));
+    // Field-by-field writes are no confirmations.
+    FromText<UCluster__MainmcVlanSt> fields(&u_cluster__mainmc_vlan_st__descriptor, back(9, 2));
+    EXPECT_EQ(dpm_mmc_back_cb(nullptr, Event::hmset(fields.base()).get()), 0);
+    EXPECT_FALSE(logged("mmc_back record is NULL!"));
     UCluster__MainmcVlanSt no_index = U_CLUSTER__MAINMC_VLAN_ST__INIT;
     EXPECT_EQ(dpm_mmc_back_cb(nullptr, Event::set(&no_index.base).get()), 0);
     EXPECT_TRUE(logged("mmc_back record is NULL!"));
@@ -118,7 +122,8 @@ TEST_F(Mmc, Confirmations) {
 
 // The choice's record and dump name both ends of the port, sub-slots
 // included; a port of another chip going down leaves the choice alone; a
-// failed deletion of the confirmation is reported with its result.
+// failed write of the choice or deletion of its confirmation is reported with
+// its result.
 TEST_F(Mmc, RecordAndDumpNameThePortExactly) {
     dpm_vsl_info v = make_vsl(1, 3, 12, 22, 4);
     v.sslot = 2;
@@ -152,6 +157,10 @@ TEST_F(Mmc, RecordAndDumpNameThePortExactly) {
         EXPECT_EQ(dpm_del_mmc_back_in_db(1), rv);
         EXPECT_EQ(logged(fmt("del mmc_back fail. apid:1, modid:12. rv:%d", rv)), rv != 0) << rv;
     }
+    platform::fail("xn_mom_set", XN_MOM_TOPO_DB, 1, 5);
+    dpm_mmc[1].valid = 0;
+    ASSERT_EQ(dpm_cal_mmc_by_apid(1), 0);
+    EXPECT_TRUE(logged("set apid 1 mmc to mom fail, rv is 5"));
 }
 
 }  // namespace

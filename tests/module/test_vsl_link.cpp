@@ -86,6 +86,17 @@ TEST_F(VslLinkTest, PortWaitsForBothModuleEventsFarEndLast) {
     EXPECT_EQ(active(1)->gphyid, 101U);
     EXPECT_EQ(dpm_vslap_cache.ap[1].vsl_cnt, 1U);
     EXPECT_EQ(dpm_vslap_unused_cache.ap[1].vsl_cnt, 0U);
+
+    // A later card event whose chip lookup fails (any non-zero result) takes
+    // the port down and tries it again: its main multicast goes and comes back.
+    platform::fail("libddm_get_chipid_by_dev_slot_lport", -1, 1, 5);
+    platform::clear_module_writes();
+    card(1);
+    EXPECT_TRUE(logged("the chipid  of lvsl is wrong"));
+    const auto mmc = writes(kMmc);
+    ASSERT_EQ(mmc.size(), 2U);
+    EXPECT_EQ(mmc[0].op, Op::Del);
+    EXPECT_EQ(mmc[1].op, Op::Set);
 }
 
 TEST_F(VslLinkTest, SecondPortNeedsBothChipsInTheList) {
