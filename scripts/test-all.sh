@@ -18,7 +18,9 @@ ctest --preset asan -j "$jobs"
 
 # A small fixed sample of generated mutants: a change that weakens the suite
 # shows here at once (the full samples are run by hand, see the README). The
-# bound is the level this sample stands at now (12 of 19 compiling killed).
-scripts/mutate.sh --sample 20 --seed 20 --build build/default --asan build/asan --fresh --min-rate 60
+# rate leaves out the equivalent mutants of tests/mutation-triage.txt; every
+# other mutant of this sample that compiles is killed now, the bound leaves
+# room for one or two.
+scripts/mutate.sh --sample 20 --seed 20 --build build/default --asan build/asan --fresh --min-rate 85
 
 FUZZ_JOBS=$jobs scripts/fuzz.sh 30
