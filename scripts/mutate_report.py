@@ -98,7 +98,8 @@ def main(argv):
           f"{rate(len(detected), len(compiling) - len(equivalent))}")
     print(f"  with the equivalents counted as not killed: {rate(len(detected), len(compiling))}")
 
-    print("\nper file: compiling killed timeout survived equivalent not-compiling rate")
+    print("\nper file: compiling killed timeout survived equivalent not-compiling rate "
+          "(equivalents left out)")
     for f in sorted({p["file"] for p in plan.values()}):
         ms = [m for m in results if plan[m]["file"] == f]
         c = [m for m in ms if m in compiling]
@@ -106,7 +107,7 @@ def main(argv):
         eq = len([m for m in c if m in equivalent])
         print(f"  {f.split('/')[-1]:24s} {len(c):4d} {k['killed']:6d} {k['timeout']:7d} "
               f"{k['survived'] - eq:8d} {eq:10d} {k['nocompile']:13d}  "
-              f"{rate(k['killed'] + k['timeout'], len(c))}")
+              f"{rate(k['killed'] + k['timeout'], len(c) - eq)}")
 
     print("\nper kind: compiling, killed or timed out, survived (equivalents included), rate")
     for kind in sorted({p["kind"] for p in plan.values()}):
