@@ -115,12 +115,7 @@ TEST_F(Apply, FirstApplicationForwardsOnlyWithAnOwnChip) {
         SCOPED_TRACE(chip_dev);
         TearDown();
         SetUp();
-        if (chip_dev != 0) {
-            auto *chip = dpm_zalloc<dpm_vsl_chip>();
-            chip->devid = chip_dev;
-            chip->modid = chip_dev * 10;
-            dpm_list_add_tail(&chip->link, &dpm_vsl_chip_head);
-        }
+        if (chip_dev != 0) add_chip(chip_dev, chip_dev * 10);
         platform::clear_module_writes();
         first_apply();
         EXPECT_EQ(count_writes("u_cluster.kel_dev_fwdstate", Op::Set), chip_dev == 1 ? 1u : 0u);

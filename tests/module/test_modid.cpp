@@ -153,10 +153,7 @@ TEST_F(ModidTest, LastModuleIdRemovesTheDeviceAndAsMasterItsStates) {
         g_my_grole = role;
         ModAlloc a(2, 1, 100);
         ASSERT_EQ(add(a), 0);
-        auto *chip = dpm_zalloc<dpm_vsl_chip>();
-        chip->devid = 2;
-        chip->modid = 100;
-        dpm_list_add_tail(&chip->link, &dpm_vsl_chip_head);
+        add_chip(2, 100, 0);
 
         EXPECT_EQ(del(a), 0);
         EXPECT_EQ(dpm_find_dev_head(2), nullptr);

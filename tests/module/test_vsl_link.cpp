@@ -33,11 +33,7 @@ void card(uint32_t dev, int op = LIBDDM_OP_ADD, uint32_t sslot = 0) {
 }
 
 void chip_forward(uint32_t dev, uint32_t modid) {
-    auto *c = dpm_zalloc<dpm_vsl_chip>();
-    c->devid = dev;
-    c->slot = 1;
-    c->modid = modid;
-    dpm_list_add_tail(&c->link, &dpm_vsl_chip_head);
+    add_chip(dev, modid);
 }
 
 dpm_vsl_info *active(int lport, int apid = 1) {

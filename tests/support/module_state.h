@@ -48,6 +48,16 @@ inline void ds_ready() {
     rdy_vsl_chip_ds_end = 1;
 }
 
+// A chip of member `devid` in the forwarding list, as its state record makes it.
+inline dpm_vsl_chip *add_chip(uint32_t devid, uint32_t modid, uint32_t slot = 1) {
+    auto *c = dpm_zalloc<dpm_vsl_chip>();
+    c->devid = devid;
+    c->slot = slot;
+    c->modid = modid;
+    dpm_list_add_tail(&c->link, &dpm_vsl_chip_head);
+    return c;
+}
+
 // A module-id entry linked the way the allocation handler links it.
 inline dpm_modid_info *add_mod(uint32_t devid, uint32_t modid, uint32_t type = DPM_NODE_BOX,
                                int32_t slot = 1, int32_t unit = 0) {
